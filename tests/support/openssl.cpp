@@ -1,0 +1,129 @@
+#include "tests/support/openssl.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include <windows.h>
+
+namespace test {
+
+namespace {
+
+// The exit code comes back as a file, renamed into place when all is written: a native process leaves no handle to wait
+// for. The first argument is the output file, the others are the command.
+constexpr char WAITING_SCRIPT[] =
+    R"(out=$1; shift; "$@" >"$out" 2>&1 </dev/null; echo $? >"$out.tmp"; mv "$out.tmp" "$out.exit")";
+constexpr DWORD POLL_MILLISECONDS = 5;
+constexpr unsigned GRACE_SECONDS = 10;
+
+std::wstring wide(const std::string& text) {
+    std::wstring result(text.size(), L'\0');
+    result.resize(static_cast<std::size_t>(MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
+                                                               result.data(), static_cast<int>(result.size()))));
+    return result;
+}
+
+/// One argument in the quotes of a Windows command line.
+std::wstring quoted(const std::string& argument) {
+    std::wstring result = L"\"";
+    std::size_t backslashes = 0;
+    for (const wchar_t character : wide(argument)) {
+        result.append(character == L'"' ? backslashes + 1 : 0, L'\\');
+        backslashes = character == L'\\' ? backslashes + 1 : 0;
+        result += character;
+    }
+    return result.append(backslashes, L'\\') + L"\"";
+}
+
+bool startNative(const std::vector<std::string>& command) {
+    std::wstring line;
+    for (const std::string& argument : command) {
+        line += (line.empty() ? L"" : L" ") + quoted(argument);
+    }
+    STARTUPINFOW start = {};
+    start.cb = sizeof start;
+    PROCESS_INFORMATION process = {};
+    if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &start, &process)) {
+        return false;
+    }
+    CloseHandle(process.hThread);
+    CloseHandle(process.hProcess);
+    return true;
+}
+
+Bytes contentsOf(const std::string& path) {
+    std::ifstream file(std::filesystem::path(path), std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+}  // namespace
+
+std::string nativePath(const std::string& path) {
+    using Convert = char* (*)(const wchar_t*);
+    const auto convert = reinterpret_cast<Convert>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32"), "wine_get_unix_file_name")));
+    if (convert == nullptr) {
+        return path;
+    }
+    char* const converted = convert(wide(path).c_str());
+    std::string result = converted == nullptr ? std::string() : converted;
+    HeapFree(GetProcessHeap(), 0, converted);
+    return result;
+}
+
+CommandResult runOpenssl(const std::vector<std::string>& arguments, unsigned timeoutSeconds) {
+    const ScratchFolder scratch;
+    std::vector<std::string> command = {
+        R"(\\?\unix\bin\sh)",           "-c",     WAITING_SCRIPT, "sh", scratch.nativeFile("out"), "timeout",
+        std::to_string(timeoutSeconds), "openssl"};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    CommandResult result;
+    if (!startNative(command)) {
+        return result;
+    }
+    const ULONGLONG end = GetTickCount64() + (timeoutSeconds + GRACE_SECONDS) * 1000ULL;
+    while (!std::filesystem::exists(scratch.file("out.exit"))) {
+        if (GetTickCount64() > end) {
+            return result;
+        }
+        Sleep(POLL_MILLISECONDS);
+    }
+    const Bytes code = scratch.read("out.exit");
+    const Bytes output = scratch.read("out");
+    result.exitCode = std::atoi(std::string(code.begin(), code.end()).c_str());
+    result.output.assign(output.begin(), output.end());
+    return result;
+}
+
+ScratchFolder::ScratchFolder() {
+    static std::atomic<unsigned> counter{0};
+    folder = (std::filesystem::temp_directory_path() /
+              ("zentok-test-" + std::to_string(GetCurrentProcessId()) + "-" + std::to_string(++counter)))
+                 .string();
+    std::filesystem::remove_all(folder);
+    std::filesystem::create_directories(folder);
+}
+
+ScratchFolder::~ScratchFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(folder, ignored);
+}
+
+std::string ScratchFolder::file(const std::string& name) const {
+    return folder + "\\" + name;
+}
+
+std::string ScratchFolder::write(const std::string& name, const Bytes& contents) const {
+    std::ofstream(std::filesystem::path(file(name)), std::ios::binary)
+        .write(reinterpret_cast<const char*>(contents.data()), static_cast<std::streamsize>(contents.size()));
+    return nativeFile(name);
+}
+
+Bytes ScratchFolder::read(const std::string& name) const {
+    return contentsOf(file(name));
+}
+
+}  // namespace test
