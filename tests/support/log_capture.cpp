@@ -1,0 +1,105 @@
+#include "tests/support/log_capture.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+namespace test {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string tempFolder() {
+    char temp[MAX_PATH] = {};
+    GetTempPathA(sizeof temp, temp);
+    return temp;
+}
+
+fs::path logFolder() {
+    char program[MAX_PATH] = {};
+    GetModuleFileNameA(nullptr, program, sizeof program);
+    return fs::path(tempFolder()) / "Halvane" / fs::path(program).stem();
+}
+
+Lines split(const std::string& text, char separator) {
+    std::istringstream stream(text);
+    Lines pieces;
+    for (std::string piece; std::getline(stream, piece, separator);) {
+        pieces.push_back(piece);
+    }
+    return pieces;
+}
+
+/// "12/11::19:07:33:123-> ->ERROR ::=>text" as "!text".
+std::string textOf(const std::string& line) {
+    constexpr std::size_t LEVEL = sizeof "12/11::19:07:33:123-> ->" - 1;
+    constexpr std::size_t TEXT = LEVEL + sizeof "DEBUG ::=>" - 1;
+    return line.size() < TEXT ? "no log line: " + line : (line[LEVEL] == 'E' ? "!" : "") + line.substr(TEXT);
+}
+
+}  // namespace
+
+Lines lines(const std::string& text) {
+    return split(text, '|');
+}
+
+std::string usePrivateTempFolder(const std::string& name) {
+    static const std::string base = tempFolder();
+    const std::string folder = base + name + "-" + std::to_string(GetCurrentProcessId());
+    fs::create_directories(folder);
+    SetEnvironmentVariableA("TMP", folder.c_str());
+    return folder;
+}
+
+void setLogLevel(DWORD level) {
+    RegSetKeyValueA(HKEY_LOCAL_MACHINE, "Software\\Halvane\\Zentok", "logLevel", REG_DWORD, &level, sizeof level);
+}
+
+std::string logFileText() {
+    std::string text;
+    std::error_code missing;
+    for (const fs::directory_entry& file : fs::directory_iterator(logFolder(), missing)) {
+        text += (std::ostringstream() << std::ifstream(file.path(), std::ios::binary).rdbuf()).str();
+    }
+    return text;
+}
+
+Lines logOf(const std::function<void()>& action) {
+    fs::create_directories(logFolder());
+    const std::size_t before = logFileText().size();
+    action();
+    Lines log = split(logFileText().substr(before), '\n');
+    std::transform(log.begin(), log.end(), log.begin(), textOf);
+    return log;
+}
+
+void expectCall(const std::function<bool()>& call, const Expected& expected, const std::function<Lines()>& takeCalls) {
+    SCOPED_TRACE(expected.log + " with " + expected.calls);
+    takeCalls();
+    bool result = false;
+    DWORD lastError = 0;
+    const Lines log = logOf([&] {
+        SetLastError(UNTOUCHED);
+        result = call();
+        lastError = GetLastError();
+    });
+    EXPECT_EQ(result, expected.failure == 0);
+    if (expected.failure != 0 && expected.failure != ANY_CODE) {
+        EXPECT_EQ(lastError, expected.failure);
+    }
+    EXPECT_EQ(log, lines(expected.log));
+    const Lines expectedCalls = lines(expected.calls);
+    Lines calls = takeCalls();
+    for (std::size_t i = 0; i < std::min(calls.size(), expectedCalls.size()); ++i) {
+        if (expectedCalls[i].find('(') == std::string::npos) {
+            calls[i].resize(calls[i].find('('));
+        }
+    }
+    EXPECT_EQ(expected.calls == ANY_CALLS ? expectedCalls : calls, expectedCalls);
+}
+
+}  // namespace test

@@ -1,0 +1,379 @@
+#include "tests/support/scripted_token.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+namespace test {
+namespace {
+
+// Blocks handed out and not yet freed. No container: this is touched by every free of the program, on any thread.
+std::array<std::atomic<void*>, 64> g_blocks = {};
+
+void replaceBlock(void* from, void* to) {
+    for (std::atomic<void*>& slot : g_blocks) {
+        if (void* expected = from; slot.compare_exchange_strong(expected, to)) {
+            return;
+        }
+    }
+}
+
+}  // namespace
+
+void ScriptedToken::reset() {
+    static_cast<TokenContent&>(*this) = {};
+    hashCount = 0;
+    const std::lock_guard guard(lock);
+    testThread = std::this_thread::get_id();
+    devices = {"T1"};
+    recorded = {};
+    script = {};
+}
+
+void ScriptedToken::on(const std::string& operation, std::vector<Answer> answers) {
+    const std::lock_guard guard(lock);
+    std::reverse(answers.begin(), answers.end());
+    script[operation] = std::move(answers);
+}
+
+void ScriptedToken::onResult(const std::string& operation, const std::vector<int>& results) {
+    std::vector<Answer> answers;
+    for (const int result : results) {
+        answers.push_back({.result = result});
+    }
+    on(operation, std::move(answers));
+}
+
+void ScriptedToken::setDevices(Lines serials) {
+    const std::lock_guard guard(lock);
+    devices = std::move(serials);
+}
+
+Lines ScriptedToken::takeCalls() {
+    const std::lock_guard guard(lock);
+    return std::exchange(recorded, {});
+}
+
+void ScriptedToken::holdPolls(bool held) {
+    const std::lock_guard guard(lock);
+    pollsHeld = held;
+    changed.notify_all();
+}
+
+bool ScriptedToken::waitForHeldPoll() {
+    std::unique_lock guard(lock);
+    return changed.wait_for(guard, std::chrono::seconds(10), [this] { return pollWaits; });
+}
+
+Answer ScriptedToken::enter(const std::string& operation, const Lines& arguments) {
+    // Lists that the library lends may change with its next call: what was not copied is lost.
+    std::memset(static_cast<void*>(lentKeyPairs.data()), 0xDD, lentKeyPairs.size() * sizeof(ZentokKeyPair));
+    std::memset(static_cast<void*>(lentAesKeys.data()), 0xDD, lentAesKeys.size() * sizeof(ZentokSymmetricKey));
+    std::string call = operation + "(";
+    for (const std::string& argument : arguments) {
+        call += (call.back() == '(' ? "" : ", ") + argument;
+    }
+    Answer answer;
+    {
+        const std::lock_guard guard(lock);
+        recorded.push_back(call + ")");
+        if (std::vector<Answer>& answers = script[operation]; !answers.empty()) {
+            answer = answers.back();
+            if (answers.size() > 1) {
+                answers.pop_back();
+            }
+        }
+    }
+    if (answer.during) {
+        answer.during();
+    }
+    return answer;
+}
+
+Lines ScriptedToken::poll(const Lines& arguments) {
+    if (std::this_thread::get_id() == testThread) {
+        enter("getConnectedDeviceList", arguments);
+    }
+    std::unique_lock guard(lock);
+    if (std::this_thread::get_id() != testThread) {
+        pollWaits = pollsHeld;
+        changed.notify_all();
+        changed.wait(guard, [this] { return !pollsHeld; });
+        pollWaits = false;
+    }
+    return devices;
+}
+
+ScriptedToken& token() {
+    static auto* const instance = new ScriptedToken;  // outlives the monitor thread
+    return *instance;
+}
+
+int unfreedBlocks() {
+    return static_cast<int>(g_blocks.size()) - static_cast<int>(std::count(g_blocks.begin(), g_blocks.end(), nullptr));
+}
+
+Bytes filled(std::size_t size, unsigned char first) {
+    Bytes bytes(size);
+    for (unsigned char& byte : bytes) {
+        byte = first++;
+    }
+    return bytes;
+}
+
+std::string hex(const Bytes& bytes) {
+    std::string text;
+    for (const unsigned char byte : bytes) {
+        text += "0123456789ABCDEF"[byte >> 4];
+        text += "0123456789ABCDEF"[byte & 15];
+    }
+    return text;
+}
+
+std::string idText(unsigned char id) {
+    return hex(Bytes(16, id));
+}
+
+ZentokKeyPair keyPair(unsigned char id, int usage, int type, const std::string& alias, const Bytes& publicKey) {
+    ZentokKeyPair key = {};
+    std::fill(std::begin(key.credentialId), std::end(key.credentialId), id);
+    std::copy(publicKey.begin(), publicKey.end(), key.publicKey);
+    key.publicKeyLength = static_cast<int>(publicKey.size());
+    alias.copy(key.alias, sizeof key.alias - 1);
+    key.keyUsage = usage;
+    key.keyType = type;
+    return key;
+}
+
+TokenInfo tokenInfo(const std::string& modelVersion, int ssoEnabled, int ssoValidated) {
+    TokenInfo info;
+    info.text1 = "answers";
+    info.modelVersion = modelVersion;
+    info.ssoEnabled = ssoEnabled;
+    info.ssoValidated = ssoValidated;
+    return info;
+}
+
+namespace {
+
+// What an operation's arguments are, so that each is shown, and filled on success, in one way.
+struct Data {
+    const unsigned char* bytes;
+    int length;
+};
+struct Room {
+    unsigned char* buffer;
+    int* length;
+};
+struct Block {
+    unsigned char** result;
+    int* length;
+};
+struct HashSlot {
+    void** hash;
+};
+
+Data credential(const unsigned char* id) {
+    return {id, 16};
+}
+
+std::string show(const char* text) {
+    return text == nullptr ? "null" : "'" + std::string(text) + "'";
+}
+std::string show(long long number) {
+    return std::to_string(number);
+}
+std::string show(const void* pointer) {
+    return pointer == nullptr ? "null" : std::to_string(reinterpret_cast<std::uintptr_t>(pointer));
+}
+std::string show(const Data& data) {
+    constexpr int MOST = 4096;
+    if (data.bytes == nullptr || data.length < 0 || data.length > MOST) {
+        return (data.bytes == nullptr ? "null[" : "bytes[") + std::to_string(data.length) + "]";
+    }
+    return hex({data.bytes, data.bytes + data.length});
+}
+std::string show(const Room& room) {
+    return room.buffer == nullptr ? "null" : "out[" + std::to_string(*room.length) + "]";
+}
+std::string show(const Block& block) {
+    return block.result == nullptr ? "null" : "block";
+}
+std::string show(const HashSlot& slot) {
+    return show(*slot.hash);
+}
+
+template <typename Argument>
+void fill(const Answer& /*answer*/, const Argument& /*argument*/) {
+}
+void fill(const Answer& answer, const Room& room) {
+    if (room.buffer != nullptr) {
+        const auto size = static_cast<std::size_t>(std::max(*room.length, 0));
+        std::copy_n(answer.output.begin(), std::min(answer.output.size(), size), room.buffer);
+        *room.length = answer.length.value_or(static_cast<int>(answer.output.size()));
+    }
+}
+void fill(const Answer& answer, const Block& block) {
+    *block.result = static_cast<unsigned char*>(std::malloc(std::max<std::size_t>(answer.output.size(), 1)));
+    replaceBlock(nullptr, *block.result);
+    int room = static_cast<int>(answer.output.size());
+    fill(answer, Room{*block.result, &room});
+    *block.length = room;
+}
+void fill(const Answer& /*answer*/, const HashSlot& slot) {
+    *slot.hash = reinterpret_cast<void*>(static_cast<std::uintptr_t>(++token().hashCount));
+}
+
+template <typename... Arguments>
+int call(const char* operation, const Arguments&... arguments) {
+    const Answer answer = token().enter(operation, {show(arguments)...});
+    if (answer.result == 0) {
+        (fill(answer, arguments), ...);
+    }
+    return answer.result;
+}
+
+template <typename Map>
+const typename Map::mapped_type& lend(const Map& lists, const char* serial, typename Map::mapped_type& lent) {
+    const auto list = lists.find(serial);
+    return lent = list != lists.end() ? list->second : typename Map::mapped_type();
+}
+
+}  // namespace
+}  // namespace test
+
+using namespace test;
+using Text = const char*;
+using In = const unsigned char*;
+using Out = unsigned char*;
+using Context = void*;
+
+extern "C" {
+
+// The linker sends every call of free in the program here.
+void __real_free(void* block);
+void __wrap_free(void* block);
+void __wrap_free(void* block) {
+    if (block != nullptr) {
+        replaceBlock(block, nullptr);
+    }
+    __real_free(block);
+}
+
+/// An operation that answers with its result alone, and fills what its arguments say.
+#define OPERATION(name, parameters, ...) \
+    int zentok_##name parameters {       \
+        return call(#name, __VA_ARGS__); \
+    }
+
+OPERATION(init, (int first, void* second, int third), first, second, third)
+OPERATION(initDevice, (Text serial, bool flag, Context c), serial, flag, c)
+OPERATION(deleteKeyPair, (Text serial, In id, Text password, bool flag, Context c), serial, credential(id), password,
+          flag, c)
+OPERATION(updateKeyPairDetails, (Text serial, In id, Text password, Text alias, In data, int length, Context c), serial,
+          credential(id), password, alias, Data{data, length}, c)
+OPERATION(importCertificate, (Text serial, Text password, ZentokCertificate* record, Context c), serial, password,
+          credential(record->credentialId), Data{record->certificate, record->certificateLength},
+          Data{record->keyLabel, record->keyLabelLength}, record->alias, c)
+OPERATION(signHash,
+          (Text serial, In id, Text password, In hash, int hashLength, Out signature, int* length, bool first,
+           Context c, bool pss),
+          serial, credential(id), password, Data{hash, hashLength}, Room{signature, length}, first, c, pss)
+OPERATION(verifySignatureHash,
+          (std::uint32_t keyType, Text serial, In hash, int hashLength, In key, int keyLength, In signature, int length,
+           Context c, bool pss),
+          keyType, serial, Data{hash, hashLength}, Data{key, keyLength}, Data{signature, length}, c, pss)
+OPERATION(encrypt,
+          (EncryptionType type, PaddingMode padding, In data, int dataLength, Out result, int* length, In key,
+           int keyLength, Context c),
+          type, padding, Data{data, dataLength}, Room{result, length}, Data{key, keyLength}, c)
+OPERATION(decrypt,
+          (Text serial, In id, Text password, In data, int dataLength, Out* result, int* length, bool flag, Context c),
+          serial, credential(id), password, Data{data, dataLength}, Block{result, length}, flag, c)
+OPERATION(encrypt_aes,
+          (Text serial, EncryptionType type, In key, int keyLength, In data, int dataLength, Out* result, int* length,
+           bool final, In iv, int ivLength, In extra, int extraLength, Context c),
+          serial, type, Data{key, keyLength}, Data{data, dataLength}, Block{result, length}, final, Data{iv, ivLength},
+          Data{extra, extraLength}, c)
+OPERATION(decrypt_aes,
+          (Text serial, In key, int keyLength, In data, int dataLength, Out* result, int* length, bool flag, In iv,
+           int ivLength, Context c),
+          serial, Data{key, keyLength}, Data{data, dataLength}, Block{result, length}, flag, Data{iv, ivLength}, c)
+OPERATION(decryptSymetric,
+          (Text serial, In data, int dataLength, Out result, int* length, In iv, int ivLength, In key, int keyLength,
+           Context c),
+          serial, Data{data, dataLength}, Room{result, length}, Data{iv, ivLength}, Data{key, keyLength}, c)
+OPERATION(ecdhDerive, (Text serial, In id, Text password, In peer, int peerLength, Out* secret, int* length, Context c),
+          serial, credential(id), password, Data{peer, peerLength}, Block{secret, length}, c)
+OPERATION(generateRamdomNumber, (Text serial, int length, Out buffer, bool software, Context c), serial,
+          Room{buffer, &length}, software, c)
+OPERATION(initHash, (Text serial, int hashType, void** hash, Context c), serial, hashType, HashSlot{hash}, c)
+OPERATION(updateHash, (void* hash, In data, int length, Context c), hash, Data{data, length}, c)
+OPERATION(finalHash, (void* hash, Out digest, int* length, Context c), hash, Room{digest, length}, c)
+
+Lines zentok_getConnectedDeviceList(bool flag, Context c) {
+    return token().poll({show(flag), show(c)});
+}
+TokenInfo zentok_getTokenInfo(Text serial, Context c) {
+    call("getTokenInfo", serial, c);
+    return token().infos.contains(serial) ? token().infos[serial] : TokenInfo();
+}
+int zentok_validatePassword(Text serial, Text password, int attempt, int* retries, Context c) {
+    const Lines arguments = {show(serial), show(password), show(attempt), show(*retries), show(c)};
+    const Answer answer = token().enter("validatePassword", arguments);
+    *retries = answer.retries;
+    return answer.result;
+}
+const std::vector<ZentokKeyPair>& zentok_getKeyPairList(Text serial, Context c) {
+    call("getKeyPairList", serial, c);
+    return lend(token().keyPairs, serial, token().lentKeyPairs);
+}
+const std::vector<ZentokCertificate>& zentok_getCertificateList(Text serial, Context c) {
+    call("getCertificateList", serial, c);
+    return token().certificates[serial];  // callers walk this list in place
+}
+const std::vector<ZentokSymmetricKey>& zentok_getAesKeyList(Text serial, Context c) {
+    call("getAesKeyList", serial, c);
+    return lend(token().aesKeys, serial, token().lentAesKeys);
+}
+const ZentokCertificate* zentok_findCertificateForKey(Text serial, In id, Context c) {
+    call("findCertificateForKey", serial, credential(id), c);
+    return token().keyCertificate ? &*token().keyCertificate : nullptr;
+}
+int zentok_generateKeyPair(Text serial, Text password, ZentokKeyPair* key, Context c) {
+    ZentokKeyPair expected = {};
+    expected.keyUsage = key->keyUsage;
+    expected.keyType = key->keyType;
+    const bool isClean = std::memcmp(key, &expected, sizeof expected) == 0;
+    const int result = call("generateKeyPair", serial, password, isClean ? "all else zero" : "more than that",
+                            key->keyUsage, key->keyType, c);
+    *key = result == 0 ? token().generatedKey : *key;
+    return result;
+}
+int zentok_importAesKey(Text serial, Text password, ZentokSymmetricKey* key, Context c) {
+    const Data value = {key->keyValue, key->keyValueLength};
+    const int result = call("importAesKey", serial, password, value, key->keyType, c);
+    *key = result == 0 ? token().importedAesKey : *key;
+    return result;
+}
+int zentok_getCertificateDetails(In certificate, int length, CertificateDetails& details, Context c) {
+    const int result = call("getCertificateDetails", Data{certificate, length}, c);
+    details = result == 0 ? token().certificateDetails : details;
+    return result;
+}
+std::vector<std::pair<std::string, Bytes>> zentok_getFilesWithExtensionsAndConvertDER(const std::string& folder,
+                                                                                      const Lines& extensions,
+                                                                                      Context c) {
+    std::string joined;
+    for (const std::string& extension : extensions) {
+        joined += extension;
+    }
+    call("getFilesWithExtensionsAndConvertDER", folder.c_str(), joined.c_str(), c);
+    return token().certificateFiles;
+}
+
+}  // extern "C"

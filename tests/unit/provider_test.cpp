@@ -1,0 +1,83 @@
+#include "tests/unit/provider_test.h"
+
+#include <algorithm>
+#include <filesystem>
+
+#include "core/container_map.h"
+#include "core/module.h"
+#include "core/pin_cache.h"
+
+namespace test {
+namespace {
+
+constexpr unsigned char RIM_BYTE = 0xA5;
+
+/// Turns this process's view of the two registry roots that the provider uses to a private key, and its temporary
+/// folder to a private one.
+class Sandbox : public ::testing::Environment {
+public:
+    void SetUp() override {
+        usePrivateTempFolder("zentok-unit-test");
+        redirect(HKEY_LOCAL_MACHINE, "\\Machine");
+        redirect(HKEY_CURRENT_USER, "\\User");
+    }
+    void TearDown() override {
+        RegOverridePredefKey(HKEY_LOCAL_MACHINE, nullptr);
+        RegOverridePredefKey(HKEY_CURRENT_USER, nullptr);
+        RegDeleteTreeA(HKEY_CURRENT_USER, path.c_str());
+        std::filesystem::remove_all(usePrivateTempFolder("zentok-unit-test"));
+    }
+
+private:
+    void redirect(HKEY root, const char* name) {
+        HKEY key = nullptr;
+        ASSERT_EQ(RegCreateKeyA(HKEY_CURRENT_USER, (path + name).c_str(), &key), ERROR_SUCCESS);
+        ASSERT_EQ(RegOverridePredefKey(root, key), ERROR_SUCCESS);
+        RegCloseKey(key);
+    }
+    const std::string path = "Software\\ZentokUnitTest" + std::to_string(GetCurrentProcessId());
+};
+const ::testing::Environment* const g_sandbox = ::testing::AddGlobalTestEnvironment(new Sandbox);
+
+}  // namespace
+
+void ProviderTest::makeFresh() {
+    token().reset();
+    {
+        const std::lock_guard lock(g_pinStatesLock);
+        g_pinStates.clear();
+        g_containerMap.clear();
+    }
+    g_useHardwareRng = 1;
+    setModuleInstance(nullptr);
+    RegDeleteTreeA(HKEY_CURRENT_USER, "SOFTWARE\\Zentok");
+    RegDeleteTreeA(HKEY_LOCAL_MACHINE, "Software\\Halvane");
+    setLogLevel(3);
+}
+
+void expect(const std::function<bool()>& call, DWORD failure, const std::string& log, const std::string& calls) {
+    expectCall(call, {failure, log, calls}, [] { return token().takeCalls(); });
+}
+
+CSP_CONTEXT contextOn(const std::string& serial, const std::string& containerName) {
+    CSP_CONTEXT context;
+    context.serial = serial;
+    context.containerName = containerName;
+    context.initialized = true;
+    return context;
+}
+
+void cachePin() {
+    pinStateStore("T1", "1234");
+}
+
+RimmedBuffer::RimmedBuffer(std::size_t size) : storage(size + 2 * RIM, RIM_BYTE) {
+}
+
+RimmedBuffer::~RimmedBuffer() {
+    const auto isRim = [](unsigned char byte) { return byte == RIM_BYTE; };
+    EXPECT_TRUE(std::all_of(storage.begin(), storage.begin() + RIM, isRim)) << "written in front of the buffer";
+    EXPECT_TRUE(std::all_of(storage.end() - RIM, storage.end(), isRim)) << "written behind the buffer";
+}
+
+}  // namespace test
