@@ -1,0 +1,18 @@
+// The commands of zentok. A new command is a function, its options, and a line of the table in its own file.
+#pragma once
+
+#include <span>
+#include <string>
+#include <vector>
+
+#include "tools/zentok/arguments.h"
+
+std::span<const Command> keyCommands();
+std::span<const Command> signatureCommands();
+std::span<const Command> tokenCommands();  ///< of software tokens; only where the software token is built
+
+/// All of them, in the order of the help.
+std::vector<Command> allCommands();
+
+/// Runs what `words` ask for, help included. Throws Failure or UsageError.
+void runCommand(std::span<const std::string> words);

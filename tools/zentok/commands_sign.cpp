@@ -1,0 +1,121 @@
+// Signatures of files.
+#include <algorithm>
+#include <array>
+#include <iostream>
+#include <string_view>
+
+#include "tools/zentok/commands.h"
+#include "tools/zentok/csp.h"
+#include "tools/zentok/files.h"
+#include "tools/zentok/pin_entry.h"
+
+namespace {
+
+constexpr std::array<std::string_view, 4> HASH_NAMES = {"sha256", "sha384", "sha512", "sha1"};
+constexpr std::array<ALG_ID, 4> HASH_ALGORITHMS = {CALG_SHA_256, CALG_SHA_384, CALG_SHA_512, CALG_SHA1};
+constexpr std::array<std::string_view, 2> ORDERS = {"big", "little"};
+
+/// r || s of P-256, P-384 and P-521. No RSA signature is that short but one of RSA-512, RSA-768 or RSA-1056.
+bool isEllipticSignature(std::size_t size) {
+    return size == 64 || size == 96 || size == 132;
+}
+
+/// Between the order of the file and the one of CryptoAPI, which has RSA signatures little-endian.
+void convertOrder(std::vector<BYTE>& signature, const Arguments& arguments) {
+    if (arguments.getChoice("order", ORDERS) == 0 && !isEllipticSignature(signature.size())) {
+        std::ranges::reverse(signature);
+    }
+}
+
+ALG_ID hashAlgorithm(const Arguments& arguments) {
+    return HASH_ALGORITHMS[arguments.getChoice("hash", HASH_NAMES)];
+}
+
+Key requireKey(const Context& context, const std::string& container) {
+    std::optional<Key> key = findKey(context);
+    if (!key) {
+        throw Failure("the container \"" + container +
+                      "\" has no key on a connected token\n`zentok containers` lists "
+                      "the containers, `zentok key generate` makes one.");
+    }
+    return std::move(*key);
+}
+
+std::vector<BYTE> signHash(const Hash& hash, PinEntry& pin) {
+    DWORD size = signatureSize(hash);
+    std::vector<BYTE> signature(size);
+    if (CryptSignHashW(hash.get(), AT_SIGNATURE, nullptr, 0, signature.data(), &size) == FALSE) {
+        throw pin.failure("sign", GetLastError());
+    }
+    signature.resize(size);
+    return signature;
+}
+
+void runSign(const Arguments& arguments) {
+    const std::string& name = arguments.get("container");
+    const std::string& file = arguments.get("in");
+    const std::string target = arguments.find("out").value_or(file + ".sig");
+    const ALG_ID algorithm = hashAlgorithm(arguments);
+    arguments.getChoice("order", ORDERS);
+    const Context context = openContainer(name);
+    const Key key = requireKey(context, name);
+    const Hash hash = hashFile(context, algorithm, file);
+    PinEntry pin(context, arguments.find("pin"));
+    std::vector<BYTE> signature = signHash(hash, pin);
+    convertOrder(signature, arguments);
+    writeFile(target, {reinterpret_cast<const char*>(signature.data()), signature.size()});
+    std::cout << "Signed " << file << " with the container \"" << name << "\": " << signature.size() << " bytes in "
+              << target << "\n";
+}
+
+void runVerify(const Arguments& arguments) {
+    const std::string& name = arguments.get("container");
+    const std::string& file = arguments.get("in");
+    const ALG_ID algorithm = hashAlgorithm(arguments);
+    const std::string content = readFile(arguments.find("signature").value_or(file + ".sig"));
+    std::vector<BYTE> signature(content.begin(), content.end());
+    convertOrder(signature, arguments);
+    const Context context = openContainer(name);
+    const Key key = requireKey(context, name);
+    const Hash hash = hashFile(context, algorithm, file);
+    if (!verifyHash(hash, signature, key)) {
+        throw platformFailure("verify the signature", static_cast<DWORD>(NTE_BAD_SIGNATURE));
+    }
+    std::cout << "The signature of " << file << " is good.\n";
+}
+
+constexpr Option CONTAINER{"container", "NAME", "the container, or the 32 digits of a key", true};
+constexpr Option HASH{"hash", "HASH", "sha256, sha384, sha512 or sha1", false, "sha256"};
+constexpr Option ORDER{"order", "ORDER", "byte order of the file, big or little", false, "big"};
+
+constexpr Option SIGN_OPTIONS[] = {
+    CONTAINER,
+    {"in", "FILE", "the file to sign", true},
+    {"out", "FILE", "where the signature goes; FILE.sig beside the file when not given"},
+    HASH,
+    ORDER,
+    {"pin", "PIN", "the token's PIN; without it a dialog asks"},
+};
+constexpr Option VERIFY_OPTIONS[] = {
+    CONTAINER,
+    {"in", "FILE", "the file that was signed", true},
+    {"signature", "FILE", "the signature; FILE.sig beside the file when not given"},
+    HASH,
+    ORDER,
+};
+
+constexpr const char* ORDER_DETAILS =
+    "The signature is PKCS#1 v1.5 for RSA. Its file has the big-endian order of the standards, which OpenSSL reads;\n"
+    "with `--order little` it has the order of the platform's CryptSignHash and CryptVerifySignature.";
+
+constexpr Command COMMANDS[] = {
+    {"sign", "Sign a file with the key of a container", ORDER_DETAILS, SIGN_OPTIONS, runSign},
+    {"verify", "Verify the signature of a file with the public key of a container", ORDER_DETAILS, VERIFY_OPTIONS,
+     runVerify},
+};
+
+}  // namespace
+
+std::span<const Command> signatureCommands() {
+    return COMMANDS;
+}

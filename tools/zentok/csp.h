@@ -1,0 +1,71 @@
+// The platform's CryptoAPI calls, made on the Zentok provider: handles that close themselves, failures that throw.
+#pragma once
+
+#include <optional>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <windows.h>
+
+#include <wincrypt.h>
+
+/// What the provider is registered as, under the type PROV_RSA_FULL.
+inline constexpr WCHAR PROVIDER_NAME[] = TEXT("Zentok Cryptographic Provider CSP");
+
+/// Owns one CryptoAPI handle; `close` gives it back.
+template <BOOL (*close)(ULONG_PTR)>
+class OwnedHandle {
+public:
+    explicit OwnedHandle(ULONG_PTR handle) : handle_(handle) {}
+    OwnedHandle(OwnedHandle&& other) noexcept : handle_(std::exchange(other.handle_, 0)) {}
+    OwnedHandle& operator=(OwnedHandle&&) = delete;
+    OwnedHandle(const OwnedHandle&) = delete;
+    OwnedHandle& operator=(const OwnedHandle&) = delete;
+    ~OwnedHandle() {
+        if (handle_ != 0) {
+            close(handle_);
+        }
+    }
+
+    ULONG_PTR get() const { return handle_; }
+
+private:
+    ULONG_PTR handle_;
+};
+
+BOOL releaseContext(ULONG_PTR handle);
+BOOL destroyKey(ULONG_PTR handle);
+BOOL destroyHash(ULONG_PTR handle);
+
+/// Keys and hashes end before the context that they came from.
+using Context = OwnedHandle<releaseContext>;
+using Key = OwnedHandle<destroyKey>;
+using Hash = OwnedHandle<destroyHash>;
+
+/// Acquires the container with that name, or the key with that key text. A name that nothing is filed under opens too.
+Context openContainer(const std::string& name);
+
+/// The container's signature key; nothing when the token has none for it.
+std::optional<Key> findKey(const Context& context);
+
+Hash startHash(const Context& context, ALG_ID algorithm);
+
+/// The content of a file, hashed.
+Hash hashFile(const Context& context, ALG_ID algorithm, const std::string& file);
+
+/// Room that a signature of the hash takes with the container's signature key, in bytes.
+DWORD signatureSize(const Hash& hash);
+
+/// True when the signature is good, false when it is not; little-endian for RSA, as CryptoAPI has it.
+bool verifyHash(const Hash& hash, std::span<const BYTE> signature, const Key& key);
+
+struct Container {
+    std::string name;
+    std::vector<std::string> keys;  ///< key texts; the first one is the key in use
+};
+
+/// What the user's containers are filed as. Read from the registry.
+std::vector<Container> listContainers();
+std::optional<Container> findContainer(const std::string& name);
