@@ -1,0 +1,132 @@
+// What the platform tests share: software tokens that can be pulled out, the platform's handles and calls in few words,
+// and this program run again as another process. The provider is reached through the platform alone.
+#pragma once
+
+#include <optional>
+#include <ostream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <wincrypt.h>
+
+#include "softtoken/token_admin.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/openssl.h"
+#include "tests/support/password_user.h"
+
+namespace test {
+
+using softtoken::FipsClass;
+
+constexpr char PIN[] = "271828";
+constexpr char WRONG_PIN[] = "314159";
+
+/// A platform call's failure as GetLastError tells it, shown in hexadecimal; OK is success.
+enum class Code : DWORD {};
+constexpr Code OK{};
+constexpr Code NO_TOKEN{static_cast<DWORD>(NTE_TOKEN_KEYSET_STORAGE_FULL)};
+constexpr Code code(long value) {
+    return static_cast<Code>(value);
+}
+Code outcome(BOOL result);
+void PrintTo(Code value, std::ostream* stream);
+
+BOOL releaseContext(ULONG_PTR handle);
+BOOL destroyKey(ULONG_PTR handle);
+BOOL destroyHash(ULONG_PTR handle);
+
+/// Owns one CryptoAPI handle; `close` gives it back. Keys and hashes end before their context.
+template <BOOL (*close)(ULONG_PTR)>
+class Owned {
+public:
+    Owned() = default;
+    Owned(Owned&& other) noexcept : handle(std::exchange(other.handle, 0)) {}
+    Owned& operator=(Owned&& other) = delete;
+    ~Owned() {
+        if (handle != 0) {
+            close(handle);
+        }
+    }
+
+    [[nodiscard]] ULONG_PTR get() const { return handle; }
+    ULONG_PTR* out() { return &handle; }
+
+private:
+    ULONG_PTR handle = 0;
+};
+
+using Context = Owned<releaseContext>;
+using Key = Owned<destroyKey>;
+using Hash = Owned<destroyHash>;
+
+Code tryAcquire(Context& context, const std::string& container, DWORD flags = 0);
+Code tryAcquire(const std::string& container, DWORD flags = 0);
+Code findKey(const Context& context);
+/// Signs as programs do: first the size, then the signature, little-endian for RSA.
+Code sign(const Hash& hash, Bytes& signature, DWORD keySpec = AT_SIGNATURE);
+/// Signs something.
+Code sign(const Context& context);
+Code verify(const Hash& hash, const Bytes& signature, const Key& key);
+
+// These expect success.
+Context acquire(const std::string& container, DWORD flags = 0);
+Key userKey(const Context& context, DWORD keySpec = AT_SIGNATURE);
+Key generateKey(const Context& context);  ///< RSA-2048
+Hash hashOf(const Context& context, const Bytes& data, ALG_ID algorithm = CALG_SHA_256);
+
+const Bytes& document();
+
+/// One connected token. Its end takes it away for good.
+class Token {
+public:
+    explicit Token(FipsClass fipsClass = FipsClass::FIPS_140_3, int retryLimit = 10);
+    ~Token();
+    Token(const Token&) = delete;
+    Token& operator=(const Token&) = delete;
+
+    /// Returns the new key's text, which opens it as a container.
+    [[nodiscard]] std::string addKey(KeyType type = KEY_TYPE_RSA_2048) const;
+    /// The PEM file of a public key as openssl sees it.
+    [[nodiscard]] std::string publicKey(const std::string& keyText) const;
+    [[nodiscard]] std::size_t keyCount() const;
+    [[nodiscard]] std::string folder() const;
+    void pullOut() const;
+    void plugIn() const;
+
+    const std::string serial;
+
+private:
+    [[nodiscard]] std::string hiddenFolder() const;
+};
+
+/// Log level 3, and a container name for each test, whose entry in the registry ends with it.
+class PlatformTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    std::string container;
+};
+
+/// The user's registry entry of a container; empty when there is none.
+std::string filedKeys(const std::string& container);
+/// Writes the entry with the bytes of `data` as they stand.
+void fileKeys(const std::string& container, const std::wstring& data, DWORD type = REG_SZ);
+void forgetKeys(const std::string& container);
+
+/// Waits for the log to show that the provider misses the token. Lines before `start` do not count.
+bool logShowsRemoval(const Token& token, std::size_t start);
+
+/// Returns directly after the provider has looked which tokens are there, so that for nearly a second it does not
+/// notice that one is pulled out.
+void awaitTokenPoll();
+
+/// Plays a role of platform_test.cpp in another process: its exit code, or nothing when it does not end in time.
+std::optional<DWORD> runChild(const std::string& role, const std::string& container, const std::string& file = "");
+constexpr DWORD CHILD_SUCCEEDED = 42;
+
+}  // namespace test
