@@ -1,6 +1,7 @@
 #include "core/log.h"
 
 #include <array>
+#include <cinttypes>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -13,6 +14,7 @@
 
 #include <psapi.h>
 
+#include "cert/key_encoding.h"
 #include "core/last_error.h"
 
 namespace {
@@ -129,6 +131,12 @@ void logInfo(std::string message) {
     }
 }
 
+void logInfoBytes(const char* text, std::span<const unsigned char> bytes) {
+    if (readLogLevel() == LOG_LEVEL_INFO) {
+        writeLogLine(LOG_LEVEL_INFO, text + bytesToHex(bytes.data(), static_cast<std::int32_t>(bytes.size())));
+    }
+}
+
 void logError(std::string message) {
     if (readLogLevel() >= LOG_LEVEL_ERROR) {
         writeLogLine(LOG_LEVEL_ERROR, std::move(message));
@@ -215,4 +223,10 @@ std::string hex32(std::uint32_t value) {
 
 std::string pointerText(const void* pointer) {
     return pointerText(reinterpret_cast<std::uintptr_t>(pointer));
+}
+
+std::string pointerHexText(const void* pointer) {
+    char text[2 * sizeof pointer + 1] = {};
+    std::snprintf(text, sizeof text, "%" PRIXPTR, reinterpret_cast<std::uintptr_t>(pointer));
+    return text;
 }

@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string>
 
 constexpr std::int32_t LOG_LEVEL_ERROR = 2;
@@ -15,6 +16,10 @@ constexpr std::size_t LOG_PATH_SIZE = 1024;
 
 /// Writes `message` when the level is 3. Its lines carry the tag "DEBUG".
 void logInfo(std::string message);
+
+/// Writes `text` and the bytes as upper-case hexadecimal when the level is 3. Large data costs nothing at the other
+/// levels: the digits are made for a line that will be written only.
+void logInfoBytes(const char* text, std::span<const unsigned char> bytes);
 
 /// Writes `message` when the level is 2 or 3.
 void logError(std::string message);
@@ -37,6 +42,9 @@ std::string hex32(std::uint32_t value);
 
 /// A pointer, in decimal.
 std::string pointerText(const void* pointer);
+
+/// A pointer as upper-case hexadecimal digits, without a prefix or leading zeros.
+std::string pointerHexText(const void* pointer);
 
 /// A handle of the platform, in decimal.
 inline std::string pointerText(std::uintptr_t handle) {

@@ -96,7 +96,7 @@ void expectCall(const std::function<bool()>& call, const Expected& expected, con
     Lines calls = takeCalls();
     for (std::size_t i = 0; i < std::min(calls.size(), expectedCalls.size()); ++i) {
         if (expectedCalls[i].find('(') == std::string::npos) {
-            calls[i].resize(calls[i].find('('));
+            calls[i] = calls[i].substr(0, calls[i].find('('));
         }
     }
     EXPECT_EQ(expected.calls == ANY_CALLS ? expectedCalls : calls, expectedCalls);

@@ -169,12 +169,17 @@ struct Room {
     unsigned char* buffer;
     int* length;
 };
+/// Room of a size that the library is not told, the length coming in as 0: it takes it to be enough.
+struct UntoldRoom : Room {};
 struct Block {
     unsigned char** result;
     int* length;
 };
 struct HashSlot {
     void** hash;
+};
+struct Identity {
+    unsigned char* id;
 };
 
 Data credential(const unsigned char* id) {
@@ -203,6 +208,9 @@ std::string show(const Room& room) {
 std::string show(const Block& block) {
     return block.result == nullptr ? "null" : "block";
 }
+std::string show(const Identity& identity) {
+    return show(credential(identity.id));
+}
 std::string show(const HashSlot& slot) {
     return show(*slot.hash);
 }
@@ -217,6 +225,10 @@ void fill(const Answer& answer, const Room& room) {
         *room.length = answer.length.value_or(static_cast<int>(answer.output.size()));
     }
 }
+void fill(const Answer& answer, const UntoldRoom& room) {
+    std::copy(answer.output.begin(), answer.output.end(), room.buffer);
+    *room.length = answer.length.value_or(static_cast<int>(answer.output.size()));
+}
 void fill(const Answer& answer, const Block& block) {
     *block.result = static_cast<unsigned char*>(std::malloc(std::max<std::size_t>(answer.output.size(), 1)));
     replaceBlock(nullptr, *block.result);
@@ -226,6 +238,10 @@ void fill(const Answer& answer, const Block& block) {
 }
 void fill(const Answer& /*answer*/, const HashSlot& slot) {
     *slot.hash = reinterpret_cast<void*>(static_cast<std::uintptr_t>(++token().hashCount));
+}
+
+void fill(const Answer& answer, const Identity& identity) {
+    std::copy_n(answer.output.begin(), std::min<std::size_t>(answer.output.size(), CREDENTIAL_ID_SIZE), identity.id);
 }
 
 template <typename... Arguments>
@@ -277,7 +293,7 @@ OPERATION(deleteKeyPair, (Text serial, In id, Text password, bool flag, Context 
 OPERATION(updateKeyPairDetails, (Text serial, In id, Text password, Text alias, In data, int length, Context c), serial,
           credential(id), password, alias, Data{data, length}, c)
 OPERATION(importCertificate, (Text serial, Text password, ZentokCertificate* record, Context c), serial, password,
-          credential(record->credentialId), Data{record->certificate, record->certificateLength},
+          Identity{record->credentialId}, Data{record->certificate, record->certificateLength},
           Data{record->keyLabel, record->keyLabelLength}, record->alias, c)
 OPERATION(signHash,
           (Text serial, In id, Text password, In hash, int hashLength, Out signature, int* length, bool first,
@@ -290,7 +306,7 @@ OPERATION(verifySignatureHash,
 OPERATION(encrypt,
           (EncryptionType type, PaddingMode padding, In data, int dataLength, Out result, int* length, In key,
            int keyLength, Context c),
-          type, padding, Data{data, dataLength}, Room{result, length}, Data{key, keyLength}, c)
+          type, padding, Data{data, dataLength}, UntoldRoom{{result, length}}, Data{key, keyLength}, c)
 OPERATION(decrypt,
           (Text serial, In id, Text password, In data, int dataLength, Out* result, int* length, bool flag, Context c),
           serial, credential(id), password, Data{data, dataLength}, Block{result, length}, flag, c)
@@ -306,7 +322,7 @@ OPERATION(decrypt_aes,
 OPERATION(decryptSymetric,
           (Text serial, In data, int dataLength, Out result, int* length, In iv, int ivLength, In key, int keyLength,
            Context c),
-          serial, Data{data, dataLength}, Room{result, length}, Data{iv, ivLength}, Data{key, keyLength}, c)
+          serial, Data{data, dataLength}, UntoldRoom{{result, length}}, Data{iv, ivLength}, Data{key, keyLength}, c)
 OPERATION(ecdhDerive, (Text serial, In id, Text password, In peer, int peerLength, Out* secret, int* length, Context c),
           serial, credential(id), password, Data{peer, peerLength}, Block{secret, length}, c)
 OPERATION(generateRamdomNumber, (Text serial, int length, Out buffer, bool software, Context c), serial,

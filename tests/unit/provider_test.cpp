@@ -6,6 +6,7 @@
 #include "core/container_map.h"
 #include "core/module.h"
 #include "core/pin_cache.h"
+#include "core/process_iv.h"
 
 namespace test {
 namespace {
@@ -49,6 +50,7 @@ void ProviderTest::makeFresh() {
         g_containerMap.clear();
     }
     g_useHardwareRng = 1;
+    setProcessIv({});
     setModuleInstance(nullptr);
     RegDeleteTreeA(HKEY_CURRENT_USER, "SOFTWARE\\Zentok");
     RegDeleteTreeA(HKEY_LOCAL_MACHINE, "Software\\Halvane");

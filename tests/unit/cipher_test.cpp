@@ -1,0 +1,217 @@
+#include <algorithm>
+
+#include "capi/user_keys.h"
+#include "cert/public_key.h"
+#include "core/process_iv.h"
+#include "tests/support/password_user.h"
+#include "tests/unit/provider_test.h"
+
+namespace test {
+namespace {
+
+using Text = const std::string&;
+
+constexpr bool ENCRYPT = true;
+constexpr bool DECRYPT = false;
+constexpr DWORD PKCS1 = ~DWORD{0x40};  // every other flag
+
+const std::string AA = idText(0xAA);
+const std::string INFO = "getTokenInfo('T1', null)";
+const Bytes DATA = filled(16, 1);
+const Bytes RESULT = filled(256, 3);
+const Bytes REVERSED(RESULT.rbegin(), RESULT.rend());
+const Bytes DER = filled(64, 0x30);
+const Answer GOOD = {.output = RESULT};
+
+/// A key on the token, or a software key when `aesSize` is set.
+KEY_HANDLE keyObject(unsigned bits, const Bytes& publicKey, unsigned aesSize = 0, unsigned mode = 1) {
+    KEY_HANDLE key = {};
+    key.bitSize = bits;
+    key.mode = mode;
+    key.tokenFlag = true;
+    key.credentialIdLength = 16;
+    std::fill_n(key.credentialId, 16, '\xAA');
+    std::copy(publicKey.begin(), publicKey.end(), key.publicKey);
+    key.publicKeyLength = static_cast<std::uint32_t>(publicKey.size());
+    std::fill_n(key.symmetricKey, 32, '\x77');
+    key.symmetricKeyLength = aesSize;
+    return key;
+}
+
+class CipherTest : public ProviderTest {
+protected:
+    CipherTest() { setProcessIv({}); }
+
+    /// One call on DATA, and what it must come to. A decryption may need more room than its input, and is not told.
+    void run(bool encrypts, const KEY_HANDLE* key, DWORD flags, DWORD failure, Text log, Text calls = "",
+             const Bytes& output = {}) {
+        const auto call = [&] {
+            RimmedBuffer data(room);
+            std::copy(DATA.begin(), DATA.end(), data.data());
+            length = size;
+            const BOOL done = encrypts
+                                  ? CPEncrypt(handleOf(on), handleOf(key), 5, final, flags, data.data(), &length, room)
+                                  : CPDecrypt(handleOf(on), handleOf(key), 5, TRUE, flags, data.data(), &length);
+            EXPECT_EQ(done != FALSE ? data.first(length) : Bytes(), output);
+            return done != FALSE;
+        };
+        expect(call, failure, (quiet ? "" : encrypts ? "CPEncrypt|" : "CPDecrypt|") + log, calls);
+    }
+
+    CSP_CONTEXT context = contextOn("T1");
+    const CSP_CONTEXT* on = &context;
+    BOOL final = TRUE;
+    DWORD room = 256;
+    DWORD size = 16;
+    DWORD length = 0;
+    bool quiet = false;
+};
+
+TEST_F(CipherTest, EncryptChecks) {
+    const KEY_HANDLE rsa = keyObject(2048, DER);
+    const KEY_HANDLE odd = keyObject(0, {}, 5);
+    const std::string oddSize =
+        "CPEncrypt: symmetric encryption, keyLen=5|!CPEncrypt: unsupported symmetric key length: 5";
+    run(ENCRYPT, nullptr, 0, BAD_KEY, "!CPEncrypt: key handle is null");
+    run(ENCRYPT, &odd, 0, BAD_KEY, oddSize);
+    for (const DWORD badSize : {0U, 0x80000000U}) {
+        size = badSize;
+        run(ENCRYPT, &rsa, 0, BAD_LEN, "!Invalid data length for encrypt: " + std::to_string(size));
+    }
+    room = 255;
+    run(ENCRYPT, &rsa, 0, ERROR_MORE_DATA, "!CPEncrypt: buffer too small, cbBufLen=255 requiredSize=256");
+    EXPECT_EQ(std::exchange(length, 0), 256U);
+    EXPECT_TRUE(CPEncrypt(handleOf(on), handleOf(&rsa), 0, TRUE, 0, nullptr, &length, 0) && length == 256);
+    on = &UNINITIALISED;
+    run(ENCRYPT, nullptr, 0, BAD_UID, "!CPEncrypt: context is null or not initialized");
+    expect([] { return CPEncrypt(0, 0, 0, TRUE, 0, nullptr, nullptr, 0) != FALSE; }, ERROR_INVALID_PARAMETER,
+           "CPEncrypt|!CPEncrypt: pcbDataLen is null");
+}
+
+TEST_F(CipherTest, EncryptRsa) {
+    const Bytes raw = filled(64, 0x20);
+    const Bytes wide = filled(1024, 0x30);
+    const std::string isDer = "CSP: Public key is already DER encoded|";
+    const std::string isRaw = "CSP: Public key is raw modulus, converting to DER|";
+    const std::string success = "CPEncrypt - return success";
+    const auto encrypts = [&](const KEY_HANDLE& key, DWORD flags, const Answer& answer, DWORD failure, Text log,
+                              Text typeAndPadding, Text der) {
+        token().on("encrypt", {answer});
+        run(ENCRYPT, &key, flags, failure, log,
+            "encrypt(" + typeAndPadding + ", " + hex(DATA) + ", out[0], " + der + ", null)",
+            failure == 0 ? REVERSED : Bytes());
+    };
+    context.silent = true;  // no PIN is asked for, and no firmware rule
+    encrypts(keyObject(2048, DER), PKCS1, GOOD, 0, isDer + success, "8, 1", hex(DER));
+    encrypts(keyObject(1024, wide), 0x41, GOOD, 0, isDer + success, "7, 4", hex(wide));
+    encrypts(keyObject(2048, raw), 0, GOOD, 0, isRaw + success, "8, 1", hex(rawModulusToSpki(raw)));
+    encrypts(keyObject(0, {}), 0, {.result = 5}, DLL_FAIL, isDer + "!Encrypt data failed: 5", "8, 1", "null[0]");
+    for (const int lie : {-1, 1025, 0x7FFFFFFF}) {
+        const std::string unsound = "!CPEncrypt: the token library gave a result of " + std::to_string(lie) + " bytes";
+        encrypts(keyObject(0, {}), 0, {.length = lie}, DLL_FAIL, isDer + unsound, "8, 1", "null[0]");
+    }
+    encrypts(keyObject(1024, DER), 0, {.output = filled(384)}, ERROR_MORE_DATA,
+             isDer + "!CPEncrypt: buffer too small, cbBufLen=256 requiredSize=384", "8, 1", hex(DER));
+    EXPECT_EQ(length, 384U);
+}
+
+TEST_F(CipherTest, Aes) {
+    const std::string zeros(32, '0');
+    const std::string keyLen = "CPEncrypt: symmetric encryption, keyLen=";
+    const auto runs = [&](unsigned mode, unsigned keySize, bool hasIv, Text type, Text iv) {
+        setProcessIv(hasIv ? filled(8, 0xA0) : Bytes());
+        context.serial = hasIv ? "T1" : "";
+        final = hasIv ? TRUE : FALSE;
+        const KEY_HANDLE key = keyObject(0, {}, keySize, mode);
+        const std::string bytes = hex(Bytes(keySize, 0x77));
+        run(ENCRYPT, &key, 0x40, 0,
+            keyLen + std::to_string(keySize) + "|CPEncrypt: symmetric encryption success, length=256",
+            "encrypt_aes('" + context.serial + "', " + type + ", " + bytes + ", " + hex(DATA) + ", block, " +
+                std::to_string(final) + ", " + iv + ", null[0], null)",
+            RESULT);
+        run(DECRYPT, &key, 0, 0,
+            "CPDecrypt - dwFlags : 0x00000000 padding=PKCS1 (defaulting to OAEP)|CPDecrypt - key id : " + AA +
+                "|CPDecrypt - usage : 0|CPDecrypt input iv : " + (mode == 2 ? "" : iv) + "|CPDecrypt input key : " +
+                bytes + "|CPDecrypt - decrypted data : " + hex(RESULT) + "|CPDecrypt- return",
+            "decrypt_aes('" + context.serial + "', " + bytes + ", " + hex(DATA) + ", block, 0, " + iv + ", null)",
+            RESULT);
+    };
+    token().on("encrypt_aes", {GOOD});
+    token().on("decrypt_aes", {GOOD});
+    runs(0, 16, false, "1", zeros);
+    runs(1, 24, false, "2", zeros);
+    runs(5, 32, true, "2", hex(filled(8, 0xA0)));
+    runs(1, 16, true, "1", hex(filled(8, 0xA0)));
+    runs(2, 16, true, "5", "null[0]");
+    runs(2, 5, false, "6", "null[0]");
+
+    const KEY_HANDLE key = keyObject(0, {}, 16);
+    setLogLevel(2);
+    quiet = true;
+    run(DECRYPT, &key, 0, 0, "", "decrypt_aes", RESULT);
+    room = 255;
+    run(ENCRYPT, &key, 0, ERROR_MORE_DATA, "!CPEncrypt: symmetric output buffer too small, required=256",
+        "encrypt_aes");
+    EXPECT_EQ(length, 256U);
+    const std::string unsound = ": the token library gave a result of -1 bytes";
+    token().on("encrypt_aes", {{.result = 49}, {.length = -1}});
+    token().on("decrypt_aes", {{.result = 49}, {.length = -1}});
+    run(ENCRYPT, &key, 0, DLL_FAIL, "!CPEncrypt: symmetric encryption failed: 49", "encrypt_aes");
+    run(ENCRYPT, &key, 0, DLL_FAIL, "!CPEncrypt" + unsound, "encrypt_aes");
+    run(DECRYPT, &key, 0, DLL_FAIL, "!Symmetric decryption failed : 49", "decrypt_aes");
+    run(DECRYPT, &key, 0, DLL_FAIL, "!CPDecrypt" + unsound, "decrypt_aes");
+}
+
+TEST_F(CipherTest, DecryptRsa) {
+    const KEY_HANDLE key = keyObject(2048, DER);
+    const std::string named = "|CPDecrypt - key id : " + AA + "|CPDecrypt - usage : 0|";
+    const std::string oaep = "CPDecrypt - dwFlags : 0x00000040 padding=OAEP" + named;
+    const std::string pkcs1 = "CPDecrypt - dwFlags : 0xFFFFFFBF padding=PKCS1 (defaulting to OAEP)" + named;
+    const std::string refused = REFUSED_SILENTLY + "|!CPDecrypt: ensurePasswordValidated failed";
+    const std::string rule = "!CPDecrypt: PKCS#1 v1.5 padding not allowed on FIPS 140-3 token (OAEP required)";
+    context.silent = true;
+    run(DECRYPT, nullptr, 0, BAD_KEY, "!CPDecrypt: key handle is null");
+    run(DECRYPT, &key, PKCS1, BAD_FLAGS, pkcs1 + rule, INFO);
+    run(DECRYPT, &key, 0x40, SILENT, oaep + refused);
+    token().infos["T1"] = tokenInfo("001");
+    run(DECRYPT, &key, PKCS1, SILENT, pkcs1 + refused, INFO);
+    context.serial = "";
+    run(DECRYPT, &key, PKCS1, SILENT, pkcs1 + refused);
+    size = 0;
+    run(DECRYPT, &key, 0x40, static_cast<DWORD>(NTE_BAD_DATA), oaep + "!Invalid data length for decrypt : 0");
+    on = nullptr;
+    run(DECRYPT, nullptr, 0, BAD_UID, "!CPDecrypt: context is null or not initialized");
+}
+
+TEST_F(CipherTest, DecryptRsaOnToken) {
+    const KEY_HANDLE key = keyObject(2048, DER);
+    const std::string after = "|After decrypting data|";
+    const std::string expired = "|CPDecrypt: SSO expired, re-prompting for PIN|" + ASKS_FOR_PIN + ONE_DIALOG;
+    const std::string guard = "|!CPDecrypt: ensurePasswordValidated failed after SSO expiry";
+    const auto tries = [](Text pin) {
+        return "decrypt('T1', " + AA + ", '" + pin + "', " + hex({DATA.rbegin(), DATA.rend()}) + ", block, 1, null)";
+    };
+    const std::string once = tries("1234");
+    const std::string twice = once + "|getTokenInfo|validatePassword|" + tries("5678");
+    const auto decrypts = [&](const std::vector<Answer>& answers, DWORD failure, Text log, Text calls,
+                              const std::vector<UserStep>& steps = {}) {
+        cachePin();
+        token().on("decrypt", answers);
+        const PasswordUser user(steps);
+        run(DECRYPT, &key, 0x40, failure,
+            "CPDecrypt - dwFlags : 0x00000040 padding=OAEP|CPDecrypt - key id : " + AA + "|CPDecrypt - usage : 0|" +
+                PIN_CACHED + "|Before reversing encrypted data|After reversing encrypted data|Before decrypting data" +
+                log,
+            calls, failure == 0 ? RESULT : Bytes());
+    };
+    decrypts({GOOD}, 0, after + "CPDecrypt- return", once);
+    decrypts({{.result = 51}}, DLL_FAIL, after + "!Decrypt data failed : 51", once);
+    decrypts({{.length = -1}}, DLL_FAIL, after + "!CPDecrypt: the token library gave a result of -1 bytes", once);
+    decrypts({{.result = 49}, GOOD}, 0, expired + LOGGED_IN + after + "CPDecrypt- return", twice, {logIn("5678")});
+    decrypts({{.result = 49}}, DLL_FAIL, expired + LOGGED_IN + after + "!Decrypt data failed : 49", twice,
+             {logIn("5678")});
+    decrypts({{.result = 49}}, FAILED, expired + CANCELLED + guard, once + "|getTokenInfo", {cancel()});
+}
+
+}  // namespace
+}  // namespace test

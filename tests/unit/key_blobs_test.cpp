@@ -1,0 +1,238 @@
+#include <algorithm>
+#include <memory>
+
+#include "capi/user_keys.h"
+#include "cert/key_encoding.h"
+#include "tests/unit/provider_test.h"
+
+namespace test {
+namespace {
+
+constexpr auto BAD_DATA = static_cast<DWORD>(NTE_BAD_DATA);
+
+const std::string AA = idText(0xAA);
+const std::string PLAIN = "PLAINTEXTKEYBLOB imported successfully (AES)";
+const std::string WRAPPED = "SYMMETRICWRAPKEYBLOB imported successfully";
+const std::string SIMPLE = "Output key id : " + idText(0) + "|SIMPLEBLOB imported successfully (AES)";
+const std::string TOO_LONG = "!CPImportKey: AES key of ";
+
+/// `words` little-endian, and `data` behind them.
+Bytes blob(const std::vector<std::uint32_t>& words, const Bytes& data = {}) {
+    Bytes bytes;
+    for (const std::uint32_t word : words) {
+        for (const unsigned shift : {0U, 8U, 16U, 24U}) {
+            bytes.push_back(static_cast<unsigned char>(word >> shift));
+        }
+    }
+    bytes.insert(bytes.end(), data.begin(), data.end());
+    return bytes;
+}
+
+class KeyBlobsTest : public ProviderTest {
+protected:
+    KeyBlobsTest() {
+        std::fill(std::begin(privateKey.credentialId), std::end(privateKey.credentialId), '\xAA');
+        privateKey.tokenFlag = true;
+        privateKey.algId = CALG_RSA_KEYX;
+    }
+    /// One import, held against what it logs behind the lines that all have; the key that comes of it.
+    KEY_HANDLE import(const Bytes& bytes, DWORD failure, const std::string& log, const std::string& calls = "") {
+        HCRYPTKEY handle = 0x1234;
+        const auto call = [&] {
+            return CPImportKey(handleOf(on), bytes.data(), static_cast<DWORD>(bytes.size()), handleOf(wrapping), 7,
+                               &handle) != FALSE;
+        };
+        const Bytes header = blob({}, {bytes.begin(), bytes.begin() + 8});
+        const std::uint32_t algorithm = header[4] | header[5] << 8U | header[6] << 16U;
+        expect(call, failure,
+               "CPImportKey|Input length : " + std::to_string(bytes.size()) +
+                   "|Input flag : 7|CPImportKey - input type : " + std::to_string(header[0]) +
+                   "|CPImportKey - input version : 2|CPImportKey - input alg : " + std::to_string(algorithm) +
+                   "|CPImportKey - input data length : " + std::to_string(static_cast<int>(bytes.size()) - 12) + "|" +
+                   log,
+               calls);
+        EXPECT_EQ(handle == 0x1234, failure != 0);
+        const std::unique_ptr<KEY_HANDLE> key(failure == 0 ? recordOf<KEY_HANDLE>(handle) : nullptr);
+        EXPECT_TRUE(key == nullptr || (key->mode == 1 && key->credentialIdLength == 16));
+        return key != nullptr ? *key : KEY_HANDLE();
+    }
+
+    CSP_CONTEXT context = contextOn("T1");
+    const CSP_CONTEXT* on = &context;
+    KEY_HANDLE privateKey = {};
+    const KEY_HANDLE* wrapping = nullptr;
+};
+
+TEST_F(KeyBlobsTest, ImportChecks) {
+    import(blob({0x0208, 0x660E, 16}), static_cast<DWORD>(NTE_INVALID_PARAMETER),
+           "!CPImportKey - Input data to import is empty");
+    for (const unsigned type : {7U, 10U}) {
+        import(blob({0x0200 + type, 0xA400}), BAD_TYPE, "!Key Block Not Implemented yet");
+    }
+    import(blob({0x0209, 0xA400}), BAD_TYPE, "!CPImportKey - Unsupported type : 9");
+    import(blob({0x0201, 0x660E}), BAD_TYPE, "!SIMPLEBLOB requires public key handle");
+    import(blob({0x0208, 0x660E}, {1}), BAD_DATA, "!CPImportKey: no key data in a blob of 9 bytes");
+    import(blob({0x0206, 0xA400}, {1}), BAD_DATA, "!CPImportKey PUBLICKEYBLOB: magic mismatch, actual=0x1");
+    const Bytes plain = blob({0x0208, 0x660E, 16, 1});
+    on = &UNINITIALISED;
+    EXPECT_FALSE(CPImportKey(handleOf(on), plain.data(), 16, 0, 0, nullptr) || GetLastError() != BAD_UID);
+    EXPECT_FALSE(CPImportKey(0, nullptr, 16, 0, 0, nullptr) || GetLastError() != ERROR_INVALID_PARAMETER);
+    EXPECT_FALSE(CPImportKey(handleOf(&context), plain.data(), 16, 0, 0, nullptr));
+    EXPECT_TRUE(token().takeCalls().empty());
+}
+
+TEST_F(KeyBlobsTest, ImportPublicKey) {
+    const std::string exponent = "Public exponent : 010001|";
+    for (const unsigned keyType : {1U, 2U, 3U, 4U}) {
+        const unsigned bits = keyType * 1024;
+        Bytes modulus = filled(bits / 8, 0x81);
+        Bytes bytes = blob({0x0206, 0xA400, 0x31415352, bits, 65537}, modulus);
+        const std::string sizes = std::to_string(bytes.size() - 1) + " required=" + std::to_string(bytes.size());
+        import({bytes.begin(), bytes.end() - 1}, BAD_DATA,
+               "!CPImportKey PUBLICKEYBLOB: size mismatch, cbDataLen=" + sizes);
+        bytes.push_back(9);
+        const KEY_HANDLE key = import(bytes, 0, exponent + "PUBLICKEYBLOB imported successfully");
+        std::reverse(modulus.begin(), modulus.end());
+        const Bytes der = rsaPublicKeyBytesToSpki(modulus, Bytes{1, 0, 1});
+        EXPECT_TRUE(std::ranges::equal(key.publicKeyBytes(), der) && key.algId == keyType && key.bitSize == bits);
+    }
+    import(blob({0x0206, 0xA400, 0x31415352, 2000, 65537}, Bytes(250)), BAD_DATA,
+           exponent + "!Unsupported RSA key size");
+    import(blob({0x0206, 0xA400, 0x31415352, 0xFFFFFFFF, 3}), BAD_DATA,
+           "!CPImportKey PUBLICKEYBLOB: size mismatch, cbDataLen=20 required=536870931");
+    import(blob({0x0206, 0xA400, 0xABCDEF, 0}), BAD_DATA,
+           "!CPImportKey PUBLICKEYBLOB: magic mismatch, actual=0xabcdef");
+}
+
+TEST_F(KeyBlobsTest, ImportSimpleBlob) {
+    wrapping = &privateKey;
+    const std::string head = "Input key id : " + AA + "|";
+    const std::string again = "!SIMPLEBLOB decryption failed|";
+    const std::string first = "decrypt('T1', " + AA + ", '', 030201, block, 1, null)";
+    const std::string both = first + "|decrypt('T1', " + AA + ", '', 010203, block, 1, null)";
+    const auto imports = [&](ALG_ID algorithm, const std::vector<Answer>& answers, DWORD failure,
+                             const std::string& log, const std::string& calls, ALG_ID keyType = 0,
+                             std::size_t size = 0) {
+        token().on("decrypt", answers);
+        const KEY_HANDLE key = import(blob({0x0201, algorithm, 0}, {1, 2, 3}), failure, head + log, calls);
+        EXPECT_TRUE(key.algId == keyType && key.bitSize == 0 && key.symmetricKeyLength == size);
+        EXPECT_TRUE(std::ranges::equal(filled(size, 5), std::span(key.symmetricKey, size)));
+    };
+    imports(0x660E, {{.output = filled(16, 5)}}, 0, SIMPLE, first, 8, 16);
+    imports(0x660F, {{.result = 9}, {.output = filled(24, 5)}}, 0, again + SIMPLE, both, 10, 24);
+    imports(0x6610, {{.output = filled(32, 5)}}, 0, SIMPLE, first, 10, 32);
+    imports(0x6610, {{.result = 49}}, FAILED, again + "!SIMPLEBLOB decryption failed (both orderings)", both);
+    imports(0x6601, {{.output = filled(8)}}, BAD_ALGID, "!Unsupported algorithm for SIMPLEBLOB: 26113", first);
+    imports(0x6610, {{.output = filled(33)}}, BAD_DATA, "!CPImportKey: no AES key has 33 bytes", first);
+    imports(0x6610, {{.length = -1}}, DLL_FAIL, "!CPImportKey: the token library gave a key of -1 bytes", first);
+}
+
+TEST_F(KeyBlobsTest, ImportOntoToken) {
+    ZentokSymmetricKey record = {};
+    std::fill(std::begin(record.credentialId), std::end(record.credentialId), '\xBB');
+    std::fill(std::begin(record.alias), std::end(record.alias), 'n');
+    record.keyLabelLength = 128;
+    record.keyUsage = 3;
+    record.tokenFlag = true;
+    token().importedAesKey = record;
+    const auto stores = [](const Bytes& key, int keyType) {
+        return "importAesKey('T1', '', " + hex(key) + ", " + std::to_string(keyType) + ", null)";
+    };
+    const auto copied = [&](const KEY_HANDLE& key, ALG_ID algorithm) {
+        return key.algId == algorithm && key.credentialId[15] == 0xBB && key.keyLabelLength == 128 &&
+               key.keyUsage == 3 && key.tokenFlag && std::string(key.alias) == std::string(128, 'n') &&
+               key.symmetricKeyLength == 0;
+    };
+    const Bytes aes = filled(16, 5);
+    EXPECT_TRUE(copied(import(blob({0x0208, 0x660E, 99}, aes), 0, PLAIN, stores(aes, 8)), 0x660E));
+    EXPECT_TRUE(copied(import(blob({0x0208, 0x660F, 0}, filled(128)), 0, PLAIN, stores(filled(128), 10)), 0x660F));
+    import(blob({0x0208, 0x6610, 0}, filled(129)), BAD_DATA, TOO_LONG + "129 bytes is too long");
+    import(blob({0x0208, 0x6601, 0}, aes), BAD_ALGID, "!Unsupported algorithm for PLAINTEXTKEYBLOB: 26113");
+
+    ZentokSymmetricKey kek = {};
+    kek.keyValueLength = 2;
+    kek.keyType = 8;
+    kek.tokenFlag = true;
+    const Bytes wrapped = blob({0x020B, 0x6601}, {1, 2, 3, 4, 5, 6, 7});
+    const std::string log = "SYMMETRICWRAPKEYBLOB: wrapped key length = 3|";
+    const std::string none = "!Failed to unwrap SYMMETRICWRAPKEYBLOB with any available KEK";
+    const std::string list = "getAesKeyList('T1', null)";
+    const std::string tries = "|decrypt_aes|decrypt_aes('T1', 0908, 010203, block, 1, null[0], null)";
+    import(wrapped, BAD_KEY, log + none, list);
+    std::vector<ZentokSymmetricKey>& keys = token().aesKeys["T1"] = {4, kek};
+    keys[1].keyType = 11;
+    keys[2].keyValueLength = 129;
+    keys[3].keyType = 10;
+    keys[3].keyValue[0] = 9;
+    keys[3].keyValue[1] = 8;
+    const std::string searched = log + "!The token library gave AES key " + idText(0) + " with keyValueLength=129|";
+    const std::string found = searched + "Successfully unwrapped key with KEK: " + idText(0) + "|";
+    const auto unwraps = [&](const Answer& answer, DWORD failure, const std::string& end,
+                             const std::string& call = "") {
+        token().on("decrypt_aes", {{.result = 1}, answer});
+        return import(wrapped, failure, end, list + tries + call);
+    };
+    EXPECT_TRUE(copied(unwraps({.output = aes}, 0, found + WRAPPED, "|" + stores(aes, 10)), 0x6601));
+    unwraps({.result = 2}, BAD_KEY, searched + none);
+    unwraps({.length = -1}, DLL_FAIL, found + "!CPImportKey: the token library gave a key of -1 bytes");
+    unwraps({.output = filled(129)}, BAD_DATA, found + TOO_LONG + "129 bytes is too long");
+    token().importedAesKey.keyLabelLength = 129;
+    unwraps({.output = aes}, DLL_FAIL,
+            found + "!CPImportKey: the token library gave AES key " + idText(0xBB) + " with keyLabelLength=129",
+            "|importAesKey");
+    token().onResult("importAesKey", {9});
+    unwraps({.output = aes}, BAD_TYPE, found + "!Import of unwrapped AES key failed", "|importAesKey");
+    import(blob({0x0208, 0x660E, 0}, aes), BAD_TYPE, "!PLAINTEXTKEYBLOB import failed", "importAesKey");
+}
+
+TEST_F(KeyBlobsTest, Export) {
+    const std::string keys = "getKeyPairList('T1', null)";
+    const std::string failed = "|Exportkey return status : 0";
+    const std::string tooSmall = "!ExportPublicKeyComponents: output buffer too small, required=84" + failed;
+    RimmedBuffer buffer(84);
+    DWORD length = 84;
+    DWORD lastError = 0;
+    const auto exports = [&](DWORD type, const KEY_HANDLE* key, BYTE* data, DWORD failure, const std::string& log,
+                             const std::string& calls = "") {
+        const auto call = [&] {
+            const bool result = CPExportKey(handleOf(on), handleOf(key), 5, type, 7, data, &length) != FALSE;
+            lastError = GetLastError();
+            return result;
+        };
+        expect(call, failure, "CPExportKey|dwBlobType : " + std::to_string(type) + "|dwFlags : 7|" + log, calls);
+    };
+    exports(7, &privateKey, nullptr, ERROR_ACCESS_DENIED, "!CPExportKey: PRIVATEKEYBLOB export denied");
+    exports(1, &privateKey, nullptr, BAD_TYPE, "!CPExportKey: unsupported dwBlobType=1");
+    exports(6, nullptr, nullptr, ERROR_INVALID_PARAMETER, "!CPExportKey: hKey or pcbData is null");
+    exports(6, &privateKey, nullptr, BAD_KEY, "!ExportPublicKeyComponents: key list is empty" + failed, keys);
+    token().keyPairs["T1"] = {keyPair(0xBB, 1, 2)};
+    exports(6, &privateKey, nullptr, BAD_KEY, "!ExportPublicKeyComponents: matching key not found in key list" + failed,
+            keys);
+    const Bytes modulus = filled(64, 0x30);
+    for (const int keyType : {0, 5}) {
+        token().keyPairs["T1"] = {keyPair(0xAA, 1, keyType, "", modulus)};
+        exports(6, &privateKey, nullptr, BAD_TYPE,
+                "!ExportPublicKeyComponents: key algorithm is not RSA, cannot export as PUBLICKEYBLOB" + failed, keys);
+    }
+    token().keyPairs["T1"] = {keyPair(0xBB, 1, 2), keyPair(0xAA, 1, 4, "", modulus)};
+    length = 83;
+    exports(6, &privateKey, buffer.data(), ERROR_MORE_DATA, tooSmall, keys);
+    EXPECT_EQ(std::exchange(length, 0), 84U);
+    exports(6, &privateKey, nullptr, 0, "Emport public key more data required|Exportkey return status : 1", keys);
+    EXPECT_TRUE(length == 84 && lastError == ERROR_MORE_DATA);
+    exports(6, &privateKey, buffer.data(), 0, "key usage : 41984|Exportkey return status : 1", keys);
+    EXPECT_EQ(buffer.first(84), blob({0x0206, 0xA400, 0x31415352, 512, 65537}, {modulus.rbegin(), modulus.rend()}));
+    EXPECT_TRUE(length == 84 && lastError == 0);
+    for (const int lie : {-1, 1025}) {
+        token().keyPairs["T1"][1].publicKeyLength = lie;
+        exports(6, &privateKey, nullptr, DLL_FAIL,
+                "!ExportPublicKeyComponents: the token library gave a public key of " + std::to_string(lie) + " bytes" +
+                    failed,
+                keys);
+    }
+    on = &UNINITIALISED;
+    exports(7, &privateKey, nullptr, BAD_UID, "!CPExportKey: context is null or not initialized");
+}
+
+}  // namespace
+}  // namespace test
