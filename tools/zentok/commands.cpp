@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr std::size_t SUMMARY_COLUMN = 20;
+constexpr std::size_t SUMMARY_COLUMN = 21;
 
 bool isHelp(const std::string& word) {
     return word == "--help" || word == "-h" || word == "help" || word == "/?";
@@ -45,7 +45,7 @@ std::vector<Command> allCommands() {
 #ifdef ZENTOK_HAS_SOFTTOKEN
              tokenCommands(),
 #endif
-             keyCommands(), signatureCommands()}) {
+             keyCommands(), signatureCommands(), dataCommands(), certificateCommands()}) {
         all.insert(all.end(), part.begin(), part.end());
     }
     return all;

@@ -7,8 +7,13 @@
 
 #include "tools/zentok/arguments.h"
 
+inline constexpr Option CONTAINER{"container", "NAME", "the container, or the 32 digits of a key", true};
+inline constexpr Option PIN{"pin", "PIN", "the token's PIN; without it a dialog asks"};
+
 std::span<const Command> keyCommands();
 std::span<const Command> signatureCommands();
+std::span<const Command> dataCommands();
+std::span<const Command> certificateCommands();
 std::span<const Command> tokenCommands();  ///< of software tokens; only where the software token is built
 
 /// All of them, in the order of the help.

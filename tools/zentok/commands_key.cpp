@@ -5,22 +5,22 @@
 
 #include "tools/zentok/commands.h"
 #include "tools/zentok/csp.h"
-#include "tools/zentok/pin_entry.h"
+#include "tools/zentok/failure.h"
 #include "tools/zentok/text.h"
 
 namespace {
 
+constexpr std::size_t LONGEST_CONTAINER_NAME = 16383;  ///< UTF-16 units, of a value's name in the registry
 constexpr std::array<std::string_view, 2> USAGES = {"sign", "exchange"};
 
 /// Makes a key, CALG_RSA_SIGN or CALG_RSA_KEYX, in the container of `context`.
-void generateKey(const Context& context, ALG_ID algorithm, unsigned long bits, PinEntry& pin) {
+void generateKey(const Context& context, ALG_ID algorithm, unsigned long bits) {
     HCRYPTKEY handle = 0;
     if (CryptGenKey(context.get(), algorithm, bits << 16, &handle) == FALSE) {
         const DWORD code = GetLastError();
         const bool refused = code == static_cast<DWORD>(NTE_TOKEN_KEYSET_STORAGE_FULL);
         const std::string action = "generate a key";
-        throw refused ? platformFailure(action, code, "The token made no key: it is full, or was pulled out.")
-                      : pin.failure(action, code);
+        throw platformFailure(action, code, refused ? "The token made no key: it is full, or was pulled out." : "");
     }
     const Key key(handle);
 }
@@ -29,6 +29,9 @@ void runGenerate(const Arguments& arguments) {
     const std::string& name = arguments.get("container");
     const ALG_ID algorithm = arguments.getChoice("usage", USAGES) == 0 ? CALG_RSA_SIGN : CALG_RSA_KEYX;
     const unsigned long bits = arguments.getNumber("bits", 1, 0xFFFF);
+    if (toWide(name).size() > LONGEST_CONTAINER_NAME) {
+        throw UsageError("the container's name is longer than the registry can file");
+    }
     const Context context = openContainer(name);
     // Only the first key of a container is ever used, so a second one would be lost at once.
     if (findKey(context)) {
@@ -41,8 +44,8 @@ void runGenerate(const Arguments& arguments) {
                       "\" is filed for a key that is not on a connected token\nConnect that "
                       "token, choose another name, or remove the entry with `zentok delete-container`.");
     }
-    PinEntry pin(context, arguments.find("pin"));
-    generateKey(context, algorithm, bits, pin);
+    logIn(context, arguments.find("pin"));
+    generateKey(context, algorithm, bits);
     const std::optional<Container> container = findContainer(name);
     if (!container || container->keys.empty()) {
         throw Failure("the key was made, but the container \"" + name + "\" could not be filed in the registry");
@@ -79,11 +82,11 @@ void runDelete(const Arguments& arguments) {
     }
     {
         const Context context = openContainer(name);
-        PinEntry pin(context, arguments.find("pin"));
+        logIn(context, arguments.find("pin"));
         HCRYPTPROV none = 0;
         if (CryptAcquireContextW(&none, toWide(name).c_str(), PROVIDER_NAME, PROV_RSA_FULL, CRYPT_DELETEKEYSET) ==
             FALSE) {
-            throw pin.failure("delete the container \"" + name + "\"", GetLastError());
+            throw platformFailure("delete the container \"" + name + "\"", GetLastError());
         }
     }
     // The provider answers success also when the token kept a key.
@@ -95,8 +98,6 @@ void runDelete(const Arguments& arguments) {
     }
     std::cout << "Deleted the container \"" << name << "\" with its key.\n";
 }
-
-constexpr Option PIN{"pin", "PIN", "the token's PIN; without it a dialog asks"};
 
 constexpr Option GENERATE_OPTIONS[] = {
     {"container", "NAME", "the name that the key gets", true},

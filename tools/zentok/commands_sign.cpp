@@ -6,13 +6,14 @@
 
 #include "tools/zentok/commands.h"
 #include "tools/zentok/csp.h"
+#include "tools/zentok/failure.h"
 #include "tools/zentok/files.h"
-#include "tools/zentok/pin_entry.h"
 
 namespace {
 
 constexpr std::array<std::string_view, 4> HASH_NAMES = {"sha256", "sha384", "sha512", "sha1"};
 constexpr std::array<ALG_ID, 4> HASH_ALGORITHMS = {CALG_SHA_256, CALG_SHA_384, CALG_SHA_512, CALG_SHA1};
+constexpr std::size_t LARGEST_SIGNATURE = 65536;  ///< bytes
 constexpr std::array<std::string_view, 2> ORDERS = {"big", "little"};
 
 /// r || s of P-256, P-384 and P-521. No RSA signature is that short but one of RSA-512, RSA-768 or RSA-1056.
@@ -31,21 +32,11 @@ ALG_ID hashAlgorithm(const Arguments& arguments) {
     return HASH_ALGORITHMS[arguments.getChoice("hash", HASH_NAMES)];
 }
 
-Key requireKey(const Context& context, const std::string& container) {
-    std::optional<Key> key = findKey(context);
-    if (!key) {
-        throw Failure("the container \"" + container +
-                      "\" has no key on a connected token\n`zentok containers` lists "
-                      "the containers, `zentok key generate` makes one.");
-    }
-    return std::move(*key);
-}
-
-std::vector<BYTE> signHash(const Hash& hash, PinEntry& pin) {
+std::vector<BYTE> signHash(const Hash& hash) {
     DWORD size = signatureSize(hash);
     std::vector<BYTE> signature(size);
     if (CryptSignHashW(hash.get(), AT_SIGNATURE, nullptr, 0, signature.data(), &size) == FALSE) {
-        throw pin.failure("sign", GetLastError());
+        throw platformFailure("sign", GetLastError());
     }
     signature.resize(size);
     return signature;
@@ -60,10 +51,10 @@ void runSign(const Arguments& arguments) {
     const Context context = openContainer(name);
     const Key key = requireKey(context, name);
     const Hash hash = hashFile(context, algorithm, file);
-    PinEntry pin(context, arguments.find("pin"));
-    std::vector<BYTE> signature = signHash(hash, pin);
+    logIn(context, arguments.find("pin"));
+    std::vector<BYTE> signature = signHash(hash);
     convertOrder(signature, arguments);
-    writeFile(target, {reinterpret_cast<const char*>(signature.data()), signature.size()});
+    writeFile(target, signature);
     std::cout << "Signed " << file << " with the container \"" << name << "\": " << signature.size() << " bytes in "
               << target << "\n";
 }
@@ -72,7 +63,8 @@ void runVerify(const Arguments& arguments) {
     const std::string& name = arguments.get("container");
     const std::string& file = arguments.get("in");
     const ALG_ID algorithm = hashAlgorithm(arguments);
-    const std::string content = readFile(arguments.find("signature").value_or(file + ".sig"));
+    const std::string content =
+        readFile(arguments.find("signature").value_or(file + ".sig"), LARGEST_SIGNATURE, "a signature");
     std::vector<BYTE> signature(content.begin(), content.end());
     convertOrder(signature, arguments);
     const Context context = openContainer(name);
@@ -84,7 +76,6 @@ void runVerify(const Arguments& arguments) {
     std::cout << "The signature of " << file << " is good.\n";
 }
 
-constexpr Option CONTAINER{"container", "NAME", "the container, or the 32 digits of a key", true};
 constexpr Option HASH{"hash", "HASH", "sha256, sha384, sha512 or sha1", false, "sha256"};
 constexpr Option ORDER{"order", "ORDER", "byte order of the file, big or little", false, "big"};
 
@@ -94,7 +85,7 @@ constexpr Option SIGN_OPTIONS[] = {
     {"out", "FILE", "where the signature goes; FILE.sig beside the file when not given"},
     HASH,
     ORDER,
-    {"pin", "PIN", "the token's PIN; without it a dialog asks"},
+    PIN,
 };
 constexpr Option VERIFY_OPTIONS[] = {
     CONTAINER,

@@ -1,20 +1,16 @@
 // Software tokens: what a maker's own tool does with real ones.
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <iostream>
 #include <string_view>
 
 #include "softtoken/token_admin.h"
 #include "tools/zentok/commands.h"
-#include "tools/zentok/csp.h"
 #include "tools/zentok/failure.h"
-#include "tools/zentok/files.h"
 #include "tools/zentok/text.h"
 
 namespace {
 
-constexpr std::size_t CREDENTIAL_ID_SIZE = 16;  ///< bytes
 constexpr std::array<std::string_view, 2> CLASSES = {"140-2", "140-3"};
 constexpr std::array<std::string_view, 3> USAGES = {"sign", "exchange", "both"};
 constexpr std::array<std::string_view, 7> KEY_TYPES = {"rsa1024", "rsa2048", "rsa3072", "rsa4096",
@@ -49,21 +45,6 @@ auto manage(Call call) {
         const auto* row = std::ranges::find(ADVICE, error.code, &Advice::result);
         throw Failure(std::string(error.what()) + (row == std::end(ADVICE) ? "" : "\n" + std::string(row->text)));
     }
-}
-
-/// The bytes of a key text, that is, of 32 hexadecimal digits; nothing for any other text.
-std::optional<std::array<unsigned char, CREDENTIAL_ID_SIZE>> parseKeyText(const std::string& text) {
-    std::array<unsigned char, CREDENTIAL_ID_SIZE> id{};
-    if (text.size() != 2 * id.size()) {
-        return std::nullopt;
-    }
-    for (std::size_t i = 0; i < id.size(); ++i) {
-        const char* digits = text.data() + 2 * i;
-        if (std::from_chars(digits, digits + 2, id[i], 16).ptr != digits + 2) {
-            return std::nullopt;
-        }
-    }
-    return id;
 }
 
 void runCreate(const Arguments& arguments) {
@@ -142,34 +123,8 @@ void runAddKey(const Arguments& arguments) {
     std::cout << " on the token " << serial << ".\n";
 }
 
-void runPublicKey(const Arguments& arguments) {
-    const std::string& name = arguments.get("container");
-    const std::optional<Container> container = findContainer(name);
-    const auto id = parseKeyText(container && !container->keys.empty() ? container->keys[0] : name);
-    std::string pem;
-    for (const softtoken::TokenSummary& token : manage([] { return softtoken::listTokens(); })) {
-        try {
-            pem = id && pem.empty() ? readFile(softtoken::publicKeyFile(token.serial, id->data())) : pem;
-        } catch (const softtoken::Error& error) {
-            if (error.code != softtoken::RESULT_NO_OBJECT) {
-                throw;
-            }
-        }
-    }
-    if (pem.empty()) {
-        throw Failure("no connected software token has the key of the container \"" + name +
-                      "\"\n`zentok containers` lists the containers, `zentok token list` the tokens.");
-    }
-    if (const std::optional<std::string> file = arguments.find("out")) {
-        writeFile(*file, pem);
-        std::cout << "Wrote the public key of the container \"" << name << "\" to " << *file << "\n";
-    } else {
-        std::cout << pem;
-    }
-}
-
 constexpr Option SERIAL{"serial", "SERIAL", "the token", true};
-constexpr Option PIN{"pin", "PIN", "the token's PIN", true};
+constexpr Option TOKEN_PIN{"pin", "PIN", "the token's PIN", true};
 
 constexpr Option CREATE_OPTIONS[] = {
     {"pin", "PIN", "the token's PIN, 4 to 63 characters", true},
@@ -188,14 +143,10 @@ constexpr Option SSO_OPTIONS[] = {
 };
 constexpr Option ADD_KEY_OPTIONS[] = {
     SERIAL,
-    PIN,
+    TOKEN_PIN,
     {"type", "TYPE", "rsa1024, rsa2048, rsa3072, rsa4096, p256, p384 or p521", false, "rsa2048"},
     {"usage", "USAGE", "sign, exchange or both", false, "both"},
     {"alias", "TEXT", "the key's name on the token", false, ""},
-};
-constexpr Option PUBLIC_KEY_OPTIONS[] = {
-    {"container", "NAME", "the container, or the 32 digits of a key", true},
-    {"out", "FILE", "where to write it; to the output when not given"},
 };
 
 constexpr Command COMMANDS[] = {
@@ -212,8 +163,6 @@ constexpr Command COMMANDS[] = {
     {"token add-key", "Generate a key of any type on a software token",
      "Its 32 digits serve as the name of its container. `zentok key generate` makes an RSA key as applications do.",
      ADD_KEY_OPTIONS, runAddKey},
-    {"public-key", "Write the public key of a container as PEM",
-     "It comes from the folder of the software token that holds the key.", PUBLIC_KEY_OPTIONS, runPublicKey},
 };
 
 }  // namespace

@@ -10,6 +10,8 @@
 namespace {
 
 constexpr WCHAR CONTAINERS_KEY[] = TEXT("SOFTWARE\\Zentok\\CSP\\Containers");
+constexpr std::size_t SHORTEST_PIN = 4;
+constexpr std::size_t LONGEST_PIN = 63;
 constexpr DWORD MAX_VALUE_NAME = 16384;  ///< characters, the registry's own limit with its terminator
 constexpr DWORD MAX_VALUE_SIZE = 65536;  ///< bytes, more than the provider ever writes
 
@@ -47,6 +49,20 @@ Context openContainer(const std::string& name) {
     return Context(handle);
 }
 
+void logIn(const Context& context, const std::optional<std::string>& pin) {
+    if (!pin) {
+        return;
+    }
+    const std::string ansi = toAnsi(*pin, "the PIN");
+    // A text that cannot be a PIN must not cost an attempt.
+    if (ansi.size() < SHORTEST_PIN || ansi.size() > LONGEST_PIN) {
+        throw UsageError("a PIN has 4 to 63 characters");
+    }
+    if (CryptSetProvParam(context.get(), PP_SIGNATURE_PIN, reinterpret_cast<const BYTE*>(ansi.c_str()), 0) == FALSE) {
+        throw platformFailure("log in to the token", GetLastError());
+    }
+}
+
 std::optional<Key> findKey(const Context& context) {
     HCRYPTKEY handle = 0;
     if (CryptGetUserKey(context.get(), AT_SIGNATURE, &handle) != FALSE) {
@@ -57,6 +73,73 @@ std::optional<Key> findKey(const Context& context) {
         return std::nullopt;
     }
     throw platformFailure("look up the container's key", code);
+}
+
+Key requireKey(const Context& context, const std::string& container) {
+    std::optional<Key> key = findKey(context);
+    if (!key) {
+        throw Failure("the container \"" + container +
+                      "\" has no key on a connected token\n`zentok containers` lists the containers, `zentok key "
+                      "generate` makes one.");
+    }
+    return std::move(*key);
+}
+
+DWORD keyNumber(const Key& key, DWORD parameter) {
+    DWORD number = 0;
+    DWORD size = sizeof number;
+    if (CryptGetKeyParam(key.get(), parameter, reinterpret_cast<BYTE*>(&number), &size, 0) == FALSE) {
+        throw platformFailure("read what the provider knows about the key", GetLastError());
+    }
+    return number;
+}
+
+std::vector<std::string> listKeys(const Context& context) {
+    std::vector<std::string> keys;
+    // Always with room for a key text: a size query would step past an entry.
+    for (DWORD flags = CRYPT_FIRST;; flags = CRYPT_NEXT) {
+        char text[MAX_PATH] = {};
+        DWORD size = sizeof text;
+        if (CryptGetProvParam(context.get(), PP_ENUMCONTAINERS, reinterpret_cast<BYTE*>(text), &size, flags) == FALSE) {
+            if (GetLastError() == ERROR_NO_MORE_ITEMS) {
+                return keys;
+            }
+            throw platformFailure("list the keys of the token", GetLastError());
+        }
+        keys.emplace_back(text);
+    }
+}
+
+std::vector<BYTE> readCertificate(const Key& key) {
+    DWORD size = 0;
+    if (CryptGetKeyParam(key.get(), KP_CERTIFICATE, nullptr, &size, 0) == FALSE) {
+        if (GetLastError() == static_cast<DWORD>(NTE_NOT_FOUND)) {
+            return {};
+        }
+        throw platformFailure("read the certificate", GetLastError());
+    }
+    std::vector<BYTE> der(size);
+    if (CryptGetKeyParam(key.get(), KP_CERTIFICATE, der.data(), &size, 0) == FALSE) {
+        throw platformFailure("read the certificate", GetLastError());
+    }
+    der.resize(size);
+    return der;
+}
+
+std::vector<BYTE> readCertificateChain(const Context& context) {
+    DWORD size = 0;
+    if (CryptGetProvParam(context.get(), PP_CERTCHAIN, nullptr, &size, 0) == FALSE) {
+        if (GetLastError() == static_cast<DWORD>(NTE_NO_KEY)) {
+            return {};
+        }
+        throw platformFailure("read the certificate chain", GetLastError());
+    }
+    std::vector<BYTE> message(size);
+    if (CryptGetProvParam(context.get(), PP_CERTCHAIN, message.data(), &size, 0) == FALSE) {
+        throw platformFailure("read the certificate chain", GetLastError());
+    }
+    message.resize(size);
+    return message;
 }
 
 Hash startHash(const Context& context, ALG_ID algorithm) {

@@ -44,11 +44,32 @@ using Context = OwnedHandle<releaseContext>;
 using Key = OwnedHandle<destroyKey>;
 using Hash = OwnedHandle<destroyHash>;
 
-/// Acquires the container with that name, or the key with that key text. A name that nothing is filed under opens too.
+/// Acquires the container with that name, or the key with that key text. A name that nothing is filed under opens too,
+/// and the empty one opens the first token.
 Context openContainer(const std::string& name);
 
-/// The container's signature key; nothing when the token has none for it.
+/// Logs in to the token with a PIN (UTF-8) that the user gave as an option; without one the provider's own dialog asks
+/// when an operation with a private key comes. Throws when the token refuses the PIN, which costs one attempt.
+void logIn(const Context& context, const std::optional<std::string>& pin);
+
+/// The container's key; nothing when the token has none for it.
 std::optional<Key> findKey(const Context& context);
+
+/// The same, and throws when there is none.
+Key requireKey(const Context& context, const std::string& container);
+
+/// A number that the provider knows about a key, KP_KEYLEN for one.
+DWORD keyNumber(const Key& key, DWORD parameter);
+
+/// The key texts of the token that the context works with.
+std::vector<std::string> listKeys(const Context& context);
+
+/// The DER of the key's certificate on the token; empty when it has none.
+std::vector<BYTE> readCertificate(const Key& key);
+
+/// The certificates of the container's key up to the last issuer that the token has, as a PKCS#7 message; empty when
+/// the key has none.
+std::vector<BYTE> readCertificateChain(const Context& context);
 
 Hash startHash(const Context& context, ALG_ID algorithm);
 

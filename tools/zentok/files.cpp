@@ -20,9 +20,15 @@ void readBlocks(const std::string& file, const std::function<void(std::string_vi
     }
 }
 
-std::string readFile(const std::string& file) {
+std::string readFile(const std::string& file, std::size_t limit, const char* what) {
     std::string content;
-    readBlocks(file, [&content](std::string_view block) { content += block; });
+    readBlocks(file, [&](std::string_view block) {
+        content += block;
+        if (content.size() > limit) {
+            throw Failure(file + " is too large for " + what + "\nAt most " + std::to_string(limit) +
+                          " bytes are read; check the name.");
+        }
+    });
     return content;
 }
 
@@ -32,4 +38,8 @@ void writeFile(const std::string& file, std::string_view content) {
     if (!stream.flush()) {
         throw Failure("cannot write " + file + "\nCheck the folder, its permissions and the room on the disk.");
     }
+}
+
+void writeFile(const std::string& file, std::span<const unsigned char> content) {
+    writeFile(file, std::string_view(reinterpret_cast<const char*>(content.data()), content.size()));
 }
