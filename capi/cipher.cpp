@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "capi/entry.h"
+#include "capi/reversed_copy.h"
 #include "capi/user_keys.h"
 #include "cert/public_key.h"
 #include "core/firmware_policy.h"
@@ -155,7 +156,7 @@ BOOL encryptAes(const CSP_CONTEXT& context, const KEY_HANDLE& key, bool final, B
 }
 
 /// One decryption on the token. What an earlier try left in `plainText` is released.
-int decryptOnToken(const CSP_CONTEXT& context, const KEY_HANDLE& key, const Bytes& cipherText,
+int decryptOnToken(const CSP_CONTEXT& context, const KEY_HANDLE& key, std::span<const unsigned char> cipherText,
                    LibraryBuffer& plainText) {
     const std::string password = pinStateGetPassword(context.serial);
     LibraryBuffer answer;
@@ -184,8 +185,11 @@ BOOL decryptRsa(const CSP_CONTEXT& context, const KEY_HANDLE& key, bool isOaep, 
         return FALSE;
     }
     logInfo("Before reversing encrypted data");
-    Bytes cipherText(*pcbDataLen);
-    std::reverse_copy(pbData, pbData + *pcbDataLen, cipherText.begin());
+    const auto bigEndian = reversedCopy({pbData, *pcbDataLen});
+    if (bigEndian == nullptr) {
+        return fail(static_cast<DWORD>(NTE_NO_MEMORY), "CPDecrypt: failed to allocate the reversed data");
+    }
+    const std::span<const unsigned char> cipherText(bigEndian.get(), *pcbDataLen);
     logInfo("After reversing encrypted data");
     logInfo("Before decrypting data");
     LibraryBuffer plainText;

@@ -8,6 +8,7 @@
 #include <new>
 
 #include "capi/entry.h"
+#include "capi/reversed_copy.h"
 #include "capi/user_keys.h"
 #include "cert/key_encoding.h"
 #include "cert/wrapped_key.h"
@@ -91,12 +92,11 @@ BOOL importPublicKey(const KeyBlob& blob, KEY_HANDLE& key) {
                     "CPImportKey PUBLICKEYBLOB: size mismatch, cbDataLen=" + std::to_string(blob.bytes.size()) +
                         " required=" + std::to_string(MODULUS_OFFSET + modulusSize));
     }
-    const std::unique_ptr<unsigned char[]> modulus(new (std::nothrow) unsigned char[modulusSize]);
+    const auto modulus = reversedCopy(blob.bytes.subspan(MODULUS_OFFSET, modulusSize));
     if (modulus == nullptr) {
         return fail(static_cast<DWORD>(NTE_NO_MEMORY),
                     "CPImportKey PUBLICKEYBLOB: failed to allocate beModulus buffer");
     }
-    std::ranges::reverse_copy(blob.bytes.subspan(MODULUS_OFFSET, modulusSize), modulus.get());
     const Bytes exponent = intToBigEndianBytes(static_cast<std::int32_t>(blob.wordAt(16)), 3);
     logInfoBytes("Public exponent : ", exponent);
     const std::int32_t keyType = rsaBitsToKeySize(bits);
@@ -113,8 +113,8 @@ BOOL importPublicKey(const KeyBlob& blob, KEY_HANDLE& key) {
 }
 
 /// One decryption of a session key with a private key of the token.
-int decryptSessionKey(const CSP_CONTEXT& context, const KEY_HANDLE& privateKey, const Bytes& cipherText,
-                      LibraryBuffer& sessionKey) {
+int decryptSessionKey(const CSP_CONTEXT& context, const KEY_HANDLE& privateKey,
+                      std::span<const unsigned char> cipherText, LibraryBuffer& sessionKey) {
     return zentok_decrypt(context.serial.c_str(), privateKey.credentialId, pinStateGetPassword(context.serial).c_str(),
                           cipherText.data(), static_cast<int>(cipherText.size()), &sessionKey.data, &sessionKey.length,
                           privateKey.tokenFlag, context.tokenContext);
@@ -151,7 +151,11 @@ BOOL importSimpleBlob(const CSP_CONTEXT& context, const KeyBlob& blob, const KEY
     if (!readData(blob, DATA_OFFSET, data)) {
         return FALSE;
     }
-    Bytes cipherText(data.rbegin(), data.rend());
+    const auto bigEndian = reversedCopy(data);
+    if (bigEndian == nullptr) {
+        return fail(static_cast<DWORD>(NTE_NO_MEMORY), "CPImportKey SIMPLEBLOB: failed to allocate the reversed key");
+    }
+    const std::span<unsigned char> cipherText(bigEndian.get(), data.size());
     LibraryBuffer fromReversed;
     if (decryptSessionKey(context, *privateKey, cipherText, fromReversed) == TOKEN_OK) {
         return keepSessionKey(blob, fromReversed, key);

@@ -29,6 +29,11 @@ std::int32_t fail(std::int32_t result, const std::string& message) {
     return result;
 }
 
+bool isLengthSound(const ZentokCertificate& record) {
+    return record.certificateLength >= 0 &&
+           record.certificateLength <= static_cast<std::int32_t>(sizeof record.certificate);
+}
+
 std::int32_t parse(const ZentokCertificate& record, CertificateDetails& details) {
     return zentok_getCertificateDetails(record.certificate, record.certificateLength, details, nullptr);
 }
@@ -155,7 +160,8 @@ void nameKeyPair(const std::string& device, const std::string& password, const Z
     const std::vector<ZentokKeyPair> keys = zentok_getKeyPairList(device.c_str(), libraryContext);
     for (const ZentokKeyPair& key : keys) {
         CertificateDetails details;
-        if (parse(leaf, details) != TOKEN_OK) {
+        // The library may have changed the record that it imported.
+        if (!isLengthSound(leaf) || parse(leaf, details) != TOKEN_OK) {
             return;
         }
         if (belongsTo(key, details)) {
@@ -182,7 +188,7 @@ bool setCertificate(ZentokCertificate& record, std::span<const unsigned char> de
 
 std::int32_t importCertificateWithChain(const std::string& device, const std::string& password, ZentokCertificate& leaf,
                                         void* libraryContext) {
-    if (leaf.certificateLength < 0 || leaf.certificateLength > static_cast<std::int32_t>(sizeof leaf.certificate)) {
+    if (!isLengthSound(leaf)) {
         return fail(CERTIFICATE_LENGTH_REFUSED,
                     "a certificate of " + std::to_string(leaf.certificateLength) + " bytes does not fit its record");
     }

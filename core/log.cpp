@@ -1,5 +1,6 @@
 #include "core/log.h"
 
+#include <algorithm>
 #include <array>
 #include <cinttypes>
 #include <cstdio>
@@ -45,8 +46,9 @@ public:
 
     void write(const std::string& bytes) {
         DWORD written = 0;
-        const auto size = static_cast<DWORD>(bytes.size());
-        if (WriteFile(handle, bytes.data(), size, &written, nullptr) == FALSE || written != size) {
+        const auto size = static_cast<DWORD>(std::min<std::size_t>(bytes.size(), MAXDWORD));
+        if (size != bytes.size() || WriteFile(handle, bytes.data(), size, &written, nullptr) == FALSE ||
+            written != size) {
             throw std::runtime_error("ios_base::badbit set");
         }
     }
@@ -132,8 +134,13 @@ void logInfo(std::string message) {
 }
 
 void logInfoBytes(const char* text, std::span<const unsigned char> bytes) {
-    if (readLogLevel() == LOG_LEVEL_INFO) {
+    if (readLogLevel() != LOG_LEVEL_INFO) {
+        return;
+    }
+    try {
         writeLogLine(LOG_LEVEL_INFO, text + bytesToHex(bytes.data(), static_cast<std::int32_t>(bytes.size())));
+    } catch (const std::exception& failure) {
+        reportException("Exception in write log : ", failure);
     }
 }
 

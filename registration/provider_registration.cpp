@@ -5,7 +5,6 @@
 #include <type_traits>
 
 #include "core/log.h"
-#include "core/module.h"
 #include "registration/cng_registration.h"
 
 namespace {
@@ -94,7 +93,6 @@ void unregisterFromCng(const CngRegistration& cng) {
 }
 
 HRESULT WINAPI DllRegisterServer() {
-    pinModule();
     logInfo("DllRegisterServer: Registering KSP via CNG API");
     const Library bcrypt = loadBcrypt();
     if (bcrypt == nullptr) {
@@ -104,7 +102,6 @@ HRESULT WINAPI DllRegisterServer() {
 }
 
 HRESULT WINAPI DllUnregisterServer() {
-    pinModule();
     logInfo("DllUnregisterServer: Unregistering KSP via CNG API");
     const Library bcrypt = loadBcrypt();
     if (bcrypt == nullptr) {
