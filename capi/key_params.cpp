@@ -40,20 +40,20 @@ std::uint32_t bitSizeOf(const KEY_HANDLE& key) {
 
 /// A parameter that reads as 32 bits out of the key object.
 struct ValueParameter {
-    DWORD param;
     const char* name;
     std::uint32_t (*valueOf)(const KEY_HANDLE& key);
-    bool zeroLengthAsks;   // a buffer with a length of 0 asks for the size, instead of being too small
     const char* valueLog;  // or null
+    DWORD param;
+    bool zeroLengthAsks;  // a buffer with a length of 0 asks for the size, instead of being too small
 };
 
 constexpr ValueParameter VALUE_PARAMETERS[] = {
-    {KP_MODE, "KP_MODE", modeOf, false, "CPGetKeyParam - KP_MODE = "},
-    {KP_PERMISSIONS, "KP_PERMISSIONS", permissionsOf, true, nullptr},
-    {KP_ALGID, "KP_ALGID", algIdOf, true, "CPGetKeyParam - copying alg id : "},
+    {"KP_MODE", modeOf, "CPGetKeyParam - KP_MODE = ", KP_MODE, false},
+    {"KP_PERMISSIONS", permissionsOf, nullptr, KP_PERMISSIONS, true},
+    {"KP_ALGID", algIdOf, "CPGetKeyParam - copying alg id : ", KP_ALGID, true},
     // Both the key's size in bits, also for AES, where the platform would expect the cipher's 128.
-    {KP_BLOCKLEN, "KP_BLOCKLEN/KP_KEYLEN", bitSizeOf, true, nullptr},
-    {KP_KEYLEN, "KP_BLOCKLEN/KP_KEYLEN", bitSizeOf, true, nullptr},
+    {"KP_BLOCKLEN/KP_KEYLEN", bitSizeOf, nullptr, KP_BLOCKLEN, true},
+    {"KP_BLOCKLEN/KP_KEYLEN", bitSizeOf, nullptr, KP_KEYLEN, true},
 };
 
 /// The IV that KP_IV takes for a key. Its `algId` must hold a symmetric key type, which it does for few AES keys only.

@@ -1,5 +1,6 @@
 #include "tools/zentok/certificates.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "tools/zentok/failure.h"
@@ -187,10 +188,8 @@ std::vector<BYTE> signMessage(const Context& context, const std::string& contain
         throw platformFailure("name the signer's key", GetLastError());
     }
     const std::vector<Certificate> chain = certificatesIn(readCertificateChain(context));
-    std::vector<const CERT_CONTEXT*> carried;
-    for (const Certificate& certificate : chain) {
-        carried.push_back(certificate.get());
-    }
+    std::vector<const CERT_CONTEXT*> carried(chain.size());
+    std::ranges::transform(chain, carried.begin(), &Certificate::get);
     char hash[] = szOID_NIST_sha256;
     CRYPT_SIGN_MESSAGE_PARA parameters = {};
     parameters.cbSize = sizeof parameters;
