@@ -45,7 +45,7 @@ std::string createToken(const TokenOptions& options) {
     token.label = options.label;
     token.firmware = options.firmware;
     token.isStrict = options.fipsClass == FipsClass::FIPS_140_3;
-    check(isSerial(token.serial), "a serial has 1 to 64 of A-Z a-z 0-9 . _ - and does not begin with a dot");
+    check(isSerial(token.serial), "a serial has 1 to 64 of A-Z a-z 0-9 . _ - and neither begins nor ends with a dot");
     check(token.label.size() <= LONGEST_TEXT && token.firmware.size() <= LONGEST_TEXT,
           "label and firmware have at most 128 bytes");
     checkPin(options.pin);

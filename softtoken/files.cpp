@@ -14,10 +14,11 @@ namespace {
 constexpr std::size_t RECORD_LIMIT = 65536;
 constexpr std::string_view SUM_NAME = "sum=";
 constexpr char HEX_DIGITS[] = "0123456789ABCDEF";
-/// A scanner or another reader may hold a file open for a moment: replacing it is tried this often, 5 ms apart.
-constexpr int REPLACE_ATTEMPTS = 40;
 constexpr DWORD RETRY_MILLISECONDS = 5;
 constexpr ULONGLONG LOCK_PATIENCE_MILLISECONDS = 10000;
+/// A scanner or another reader may hold a file open for a moment. A denial may come from that too, but one that lasts
+/// is a folder that cannot be written.
+constexpr ULONGLONG DENIAL_PATIENCE_MILLISECONDS = 200;
 
 /// A file handle that is closed once.
 class File {
@@ -76,12 +77,13 @@ DWORD writeNewFile(const WideText& path, ByteView contents) {
 }
 
 DWORD replaceFile(const WideText& from, const WideText& to) {
-    for (int attempt = 1;; ++attempt) {
+    for (const ULONGLONG start = GetTickCount64();;) {
         if (MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) {
             return ERROR_SUCCESS;
         }
         const DWORD error = GetLastError();
-        if (attempt == REPLACE_ATTEMPTS || (error != ERROR_ACCESS_DENIED && error != ERROR_SHARING_VIOLATION)) {
+        if ((error != ERROR_ACCESS_DENIED && error != ERROR_SHARING_VIOLATION) ||
+            GetTickCount64() - start > DENIAL_PATIENCE_MILLISECONDS) {
             return error;
         }
         Sleep(RETRY_MILLISECONDS);
@@ -236,6 +238,7 @@ void removeFolder(const WideText& path) {
 FileLock::FileLock(const WideText& path) : file(INVALID_HANDLE_VALUE) {
     // Opening without sharing is the lock: it ends with the handle, also when the process is killed.
     const ULONGLONG start = GetTickCount64();
+    ULONGLONG denied = start;  // since then nothing but denials
     for (;;) {
         file = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
         if (file != INVALID_HANDLE_VALUE) {
@@ -245,10 +248,13 @@ FileLock::FileLock(const WideText& path) : file(INVALID_HANDLE_VALUE) {
         if (isAbsent(error)) {
             throw Error(RESULT_NO_TOKEN, "the token is gone");
         }
-        if (error != ERROR_SHARING_VIOLATION && error != ERROR_ACCESS_DENIED) {
+        const ULONGLONG now = GetTickCount64();
+        if (error == ERROR_SHARING_VIOLATION) {
+            denied = now;
+        } else if (error != ERROR_ACCESS_DENIED || now - denied > DENIAL_PATIENCE_MILLISECONDS) {
             failStorage(path, error);
         }
-        if (GetTickCount64() - start > LOCK_PATIENCE_MILLISECONDS) {
+        if (now - start > LOCK_PATIENCE_MILLISECONDS) {
             throw Error(RESULT_BUSY, "another process holds the token");
         }
         Sleep(RETRY_MILLISECONDS);

@@ -53,7 +53,8 @@ void removeFile(const WideText& path);
 /// Deletes a folder and what is in it. Error RESULT_STORAGE.
 void removeFolder(const WideText& path);
 
-/// Holds the lock file at `path` against every other process and thread. Error RESULT_BUSY after ten seconds.
+/// Holds the lock file at `path` against every other process and thread. Error RESULT_BUSY after ten seconds,
+/// RESULT_STORAGE when the folder cannot be written.
 class FileLock {
 public:
     explicit FileLock(const WideText& path);

@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <unordered_map>
 
 #include "core/token_library.h"
 #include "softtoken/libgcrypt.h"
@@ -51,7 +53,8 @@ struct Hash {
 struct Table {
     std::mutex mutex;
     std::uintptr_t last = 0;
-    std::map<std::uintptr_t, std::shared_ptr<Hash>> open;  ///< by handle, hence by age
+    std::list<std::pair<std::uintptr_t, std::shared_ptr<Hash>>> byUse;   ///< the least recently used first
+    std::unordered_map<std::uintptr_t, decltype(byUse)::iterator> open;  ///< by handle
 };
 
 /// Never taken down, as the host may still hash while the process ends.
@@ -60,6 +63,7 @@ Table& table() {
     return instance;
 }
 
+/// The hash, which is now the most recently used.
 std::shared_ptr<Hash> lookUp(void* handle) {
     Table& all = table();
     const std::lock_guard hold(all.mutex);
@@ -67,7 +71,8 @@ std::shared_ptr<Hash> lookUp(void* handle) {
     if (found == all.open.end()) {
         throw Error(RESULT_SPENT_HASH, "no such running hash");
     }
-    return found->second;
+    all.byUse.splice(all.byUse.end(), all.byUse, found->second);
+    return found->second->second;
 }
 
 }  // namespace
@@ -81,9 +86,11 @@ void* beginHash(int selector) {
     auto hash = std::make_shared<Hash>(row->algorithm);
     Table& all = table();
     const std::lock_guard hold(all.mutex);
-    all.open.emplace(++all.last, std::move(hash));
+    const auto place = all.byUse.emplace(all.byUse.end(), ++all.last, std::move(hash));
+    all.open.emplace(all.last, place);
     if (all.open.size() > MOST_HASHES) {
-        all.open.erase(all.open.begin());
+        all.open.erase(all.byUse.front().first);
+        all.byUse.pop_front();
     }
     return reinterpret_cast<void*>(all.last);
 }
@@ -103,9 +110,12 @@ std::size_t finishHash(void* handle, std::span<unsigned char> digest) {
     {
         Table& all = table();
         const std::lock_guard hold(all.mutex);
-        if (all.open.erase(reinterpret_cast<std::uintptr_t>(handle)) == 0) {
+        const auto found = all.open.find(reinterpret_cast<std::uintptr_t>(handle));
+        if (found == all.open.end()) {
             throw Error(RESULT_SPENT_HASH, "another thread finished this hash");
         }
+        all.byUse.erase(found->second);
+        all.open.erase(found);
     }
     const std::lock_guard hold(hash->mutex);
     std::copy_n(gcry_md_read(hash->state, hash->algorithm), size, digest.begin());

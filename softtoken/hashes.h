@@ -2,7 +2,7 @@
 //
 // A handle is a number in a table and never an address, so that a spent, foreign or repeated handle is refused and
 // cannot reach freed memory. Callers have no way to release a hash that they do not finish: beyond 16,384 open hashes
-// (some 10 MiB) the oldest is dropped and its handle refused from then on.
+// (some 25 MiB) the one that was not used for the longest time is dropped, and its handle refused from then on.
 #pragma once
 
 #include <cstddef>

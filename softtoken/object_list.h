@@ -4,12 +4,14 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -26,12 +28,15 @@ struct Stored {
 
 /// Callers read a list by reference while other threads change the folder. So each state of the folder becomes a vector
 /// that is never changed again; the last sixteen are kept, far more than a caller who copies at once can fall behind.
+/// Reading alone makes no new one, however often a folder is looked at.
 ///
 /// An unchanged folder costs one look at its modification time. A changed one is listed, and only files whose size or
 /// time differ are read. Times of the last 100 ms count as changed: the file system's clock is coarse, and a second
 /// change within one tick would stay unseen.
 template <typename Object>
 class ObjectList {
+    static_assert(std::has_unique_object_representations_v<Object>, "records are compared byte by byte");
+
 public:
     /// Reads one file; nothing for a damaged one, which is then left out of the list.
     using Reader = std::optional<Stored<Object>> (*)(const WideText& path);
@@ -61,7 +66,6 @@ private:
     void refresh(std::uint64_t changed) {
         const std::uint64_t now = currentFileTime();
         std::map<WideText, File> found;
-        bool same = !snapshots.empty();
         for (const FolderEntry& entry : listFolder(folder)) {
             if (entry.isFolder || !entry.name.ends_with(TEXT(".txt"))) {
                 continue;
@@ -72,19 +76,23 @@ private:
                 found.insert(files.extract(known));
                 continue;
             }
-            same = false;
             found[entry.name] = {entry.size, entry.modified, now > entry.modified + CLOCK_TICKS,
                                  reader(folder + TEXT("\\") + entry.name)};
         }
-        same = same && files.empty();  // what is left in there has gone from the folder
         files = std::move(found);
         seen = changed;
         settled = now > changed + CLOCK_TICKS;
-        if (!same) {
-            publish();
-        }
+        publish();
     }
 
+    static bool areEqual(const std::vector<Object>& left, const std::vector<Object>& right) {
+        return left.size() == right.size() &&
+               std::equal(left.begin(), left.end(), right.begin(), [](const auto& one, const auto& other) {
+                   return std::memcmp(&one, &other, sizeof one) == 0;
+               });
+    }
+
+    /// A new snapshot, unless it would say the same as the last one.
     void publish() {
         std::vector<const Stored<Object>*> ordered;
         for (const auto& [name, file] : files) {
@@ -98,6 +106,9 @@ private:
         snapshot->reserve(ordered.size());
         for (const Stored<Object>* stored : ordered) {
             snapshot->push_back(stored->object);
+        }
+        if (!snapshots.empty() && areEqual(*snapshot, *snapshots.back())) {
+            return;
         }
         snapshots.push_back(std::move(snapshot));
         if (snapshots.size() > SNAPSHOTS) {

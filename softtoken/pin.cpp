@@ -29,6 +29,10 @@ SecretBytes hashOf(std::string_view pin, ByteView salt) {
     return {hash.begin(), hash.end()};
 }
 
+[[noreturn]] void failWrongPin(const PinCounter& counter) {
+    throw Error(RESULT_WRONG_PIN, "the PIN is wrong, attempts left: " + std::to_string(counter.retries));
+}
+
 /// What a protected single sign-on key is bound to: nobody moves the end of its life.
 std::string ssoContext(std::int64_t expires) {
     return "single sign-on until " + std::to_string(expires);
@@ -37,9 +41,18 @@ std::string ssoContext(std::int64_t expires) {
 }  // namespace
 
 PinGuard::PinGuard(const WideText& tokenFolder)
-    : pinFile(tokenFolder + TEXT("\\pin.txt")),
+    : folder(tokenFolder),
+      pinFile(tokenFolder + TEXT("\\pin.txt")),
       ssoFile(tokenFolder + TEXT("\\sso.txt")),
       lockFile(tokenFolder + TEXT("\\lock")) {
+}
+
+PinGuard::TriedPin::TriedPin(const PinRecord& record, std::string_view pin)
+    : sealedKey(record.sealedKey), salt(randomBytes<Bytes>(SALT_SIZE)), pinHash(hashOf(pin, salt)) {
+}
+
+bool PinGuard::TriedPin::is(const PinRecord& record, std::string_view pin) const {
+    return sealedKey == record.sealedKey && sameSecret(pinHash, hashOf(pin, salt));
 }
 
 PinGuard::PinRecord PinGuard::readRecord() const {
@@ -89,8 +102,8 @@ SecretBytes PinGuard::unlockedKey() {
     {
         const PinRecord record = readRecord();
         const std::lock_guard hold(memory);
-        if (record.counter.retries > 0 && !login.masterKey.empty() && login.sealedKey == record.sealedKey) {
-            return login.masterKey;
+        if (record.counter.retries > 0 && !verifiedKey.empty() && verified.sealedKey == record.sealedKey) {
+            return verifiedKey;
         }
     }
     if (sso().live) {
@@ -106,19 +119,7 @@ SecretBytes PinGuard::recall(std::string_view pin) {
         throw Error(RESULT_PIN_LOCKED, "the PIN is locked");
     }
     const std::lock_guard hold(memory);
-    if (login.masterKey.empty() || login.sealedKey != record.sealedKey ||
-        !sameSecret(login.pinHash, hashOf(pin, login.salt))) {
-        return {};
-    }
-    return login.masterKey;
-}
-
-void PinGuard::remember(const PinRecord& record, std::string_view pin, const SecretBytes& masterKey) {
-    const std::lock_guard hold(memory);
-    login.sealedKey = record.sealedKey;
-    login.salt = randomBytes<Bytes>(SALT_SIZE);
-    login.pinHash = hashOf(pin, login.salt);
-    login.masterKey = masterKey;
+    return verified.is(record, pin) ? verifiedKey : SecretBytes();
 }
 
 SecretBytes PinGuard::tryPin(std::string_view pin) {
@@ -127,6 +128,10 @@ SecretBytes PinGuard::tryPin(std::string_view pin) {
     if (record.counter.retries == 0) {
         throw Error(RESULT_PIN_LOCKED, "the PIN is locked");
     }
+    if (refused.is(record, pin)) {
+        failWrongPin(record.counter);
+    }
+    sweep();
     --record.counter.retries;
     writeRecord(record);
     SecretBytes masterKey;
@@ -137,17 +142,21 @@ SecretBytes PinGuard::tryPin(std::string_view pin) {
         if (error.code != RESULT_BAD_DATA) {
             throw;
         }
-        throw Error(RESULT_WRONG_PIN, "the PIN is wrong, attempts left: " + std::to_string(record.counter.retries));
+        refused = TriedPin(record, pin);
+        failWrongPin(record.counter);
     }
     record.counter.retries = record.counter.limit;
     writeRecord(record);
-    remember(record, pin, masterKey);
+    const std::lock_guard hold(memory);
+    verified = TriedPin(record, pin);
+    verifiedKey = masterKey;
     return masterKey;
 }
 
 void PinGuard::forget() {
     const std::lock_guard hold(memory);
-    login = Login();
+    verified = TriedPin();
+    verifiedKey = SecretBytes();
 }
 
 PinCounter PinGuard::counter() const {
@@ -161,11 +170,16 @@ SsoState PinGuard::sso() const {
         state.expires = stored.number("expires", 0, INT64_MAX);
         state.enabled = true;
         state.live = stored.has("key") && now() < state.expires;
-        if (stored.has("key") && !state.live) {
-            dropExpiredSso();
+        if (!stored.has("key") || state.live) {
+            return state;
         }
     } catch (const Error&) {
         return {};  // no record, or a damaged one: there is no single sign-on
+    }
+    try {
+        dropExpiredSso();
+    } catch (const Error&) {
+        // The folder cannot be written. Expired it is all the same.
     }
     return state;
 }
@@ -194,6 +208,16 @@ void PinGuard::dropExpiredSso() const {
     if (now() >= stored.number("expires", 0, INT64_MAX)) {
         stored.erase("key");
         stored.write(ssoFile);
+    }
+}
+
+/// Deletes what processes left behind that were killed in the middle of a write: the holder of the lock, who calls
+/// this, is the only writer here.
+void PinGuard::sweep() const {
+    for (const FolderEntry& entry : listFolder(folder)) {
+        if (entry.name.ends_with(TEXT(".tmp"))) {
+            DeleteFileW((folder + TEXT("\\") + entry.name).c_str());
+        }
     }
 }
 
@@ -233,6 +257,7 @@ void PinGuard::enableSso(std::string_view pin, unsigned seconds) {
 void PinGuard::disableSso() {
     const FileLock lock(lockFile);
     removeFile(ssoFile);
+    sweep();
 }
 
 }  // namespace softtoken

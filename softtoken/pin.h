@@ -30,11 +30,14 @@ struct SsoState {
 ///
 /// A PIN that was right is remembered in this process (a salted hash of it, with the master key), so that the same PIN
 /// text costs neither scrypt nor a write of the counter again, until the record on disk changes or the token is gone.
+/// The last PIN that was wrong is remembered likewise and refused again at no cost: a host that holds an old PIN and
+/// repeats it on its own must not use up the attempts of its user.
 class PinGuard {
 public:
     explicit PinGuard(const WideText& tokenFolder);
 
-    /// The master key, against the PIN. An empty PIN never costs a retry: live single sign-on opens with it.
+    /// The master key, against the PIN. An empty PIN never costs a retry: live single sign-on opens with it. Nor does
+    /// the last wrong PIN again.
     /// Error RESULT_WRONG_PIN; RESULT_PIN_LOCKED; TOKEN_SSO_EXPIRED: empty PIN with expired single sign-on.
     SecretBytes unlock(std::string_view pin);
 
@@ -46,6 +49,7 @@ public:
     void forget();
 
     [[nodiscard]] PinCounter counter() const;
+    /// Also takes the key out of an expired record, where the folder can be written.
     [[nodiscard]] SsoState sso() const;
 
     /// A new token's record. `cost` as in deriveKey.
@@ -62,29 +66,35 @@ private:
         Bytes salt;
         Bytes sealedKey;
     };
-    /// A verified PIN; without one `masterKey` is empty.
-    struct Login {
-        Bytes sealedKey;  ///< of the record that it was verified against
+    /// A PIN that was tried, as a salted hash. `sealedKey`, of the record that it was tried on, is empty without one.
+    struct TriedPin {
+        TriedPin() = default;
+        TriedPin(const PinRecord& record, std::string_view pin);
+        [[nodiscard]] bool is(const PinRecord& record, std::string_view pin) const;
+
+        Bytes sealedKey;
         Bytes salt;
         SecretBytes pinHash;
-        SecretBytes masterKey;
     };
 
     [[nodiscard]] PinRecord readRecord() const;
     void writeRecord(const PinRecord& record) const;
     void sealRecord(PinRecord& record, std::string_view pin, ByteView masterKey) const;
     SecretBytes recall(std::string_view pin);
-    void remember(const PinRecord& record, std::string_view pin, const SecretBytes& masterKey);
     SecretBytes tryPin(std::string_view pin);
     [[nodiscard]] SecretBytes ssoKey() const;
     void dropExpiredSso() const;
+    void sweep() const;
 
+    const WideText folder;
     const WideText pinFile;
     const WideText ssoFile;
     const WideText lockFile;
     std::mutex tries;  ///< one try at a time; taken before `memory`
     std::mutex memory;
-    Login login;
+    TriedPin verified;
+    SecretBytes verifiedKey;  ///< the master key; empty when no PIN is verified
+    TriedPin refused;         ///< under `tries`
 };
 
 }  // namespace softtoken

@@ -210,7 +210,8 @@ WideText baseFolder() {
 }
 
 bool isSerial(std::string_view serial) {
-    return !serial.empty() && serial.size() <= LONGEST_SERIAL && serial.front() != '.' &&
+    // Windows drops a dot at the end of a folder's name: such a serial would be a second name of another token.
+    return !serial.empty() && serial.size() <= LONGEST_SERIAL && serial.front() != '.' && serial.back() != '.' &&
            std::all_of(serial.begin(), serial.end(), [](char character) {
                return (character >= '0' && character <= '9') || (character >= 'A' && character <= 'Z') ||
                       (character >= 'a' && character <= 'z') || character == '.' || character == '_' ||
@@ -318,9 +319,15 @@ ZentokKeyPair createKeyPair(const Token& token, ByteView masterKey, const KeyTyp
     record.setBytes("public", key.publicKey);
     record.setBytes("private",
                     seal(masterKey, key.privateKey, bytesOf(sealContext("key pair", pair.credentialId, pair.keyType))));
-    // The record comes last: with it the key exists.
-    writeFile(publicKeyPath(token, pair.credentialId), bytesOf(publicKeyPem(type, key.publicKey)));
-    record.write(keyPath(token, pair.credentialId));
+    // The record comes last: with it the key exists. Without it nothing may stay.
+    const WideText pem = publicKeyPath(token, pair.credentialId);
+    writeFile(pem, bytesOf(publicKeyPem(type, key.publicKey)));
+    try {
+        record.write(keyPath(token, pair.credentialId));
+    } catch (...) {
+        DeleteFileW(pem.c_str());
+        throw;
+    }
     return pair;
 }
 

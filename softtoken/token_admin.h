@@ -20,7 +20,7 @@ namespace softtoken {
 enum class FipsClass { FIPS_140_2, FIPS_140_3 };
 
 struct TokenOptions {
-    std::string serial;  ///< 1 to 64 of A-Z a-z 0-9 . _ - and not beginning with a dot; empty: a random one
+    std::string serial;  ///< 1 to 64 of A-Z a-z 0-9 . _ - without a dot at either end; empty: a random one
     std::string label = "Zentok Soft Token";
     FipsClass fipsClass = FipsClass::FIPS_140_3;
     std::string firmware = "2.1.0";

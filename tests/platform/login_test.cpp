@@ -12,6 +12,8 @@ namespace {
 using LoginTest = PlatformTest;
 
 constexpr int EDIT = 1001;
+/// The token counts the same wrong PIN once.
+constexpr char OTHER_WRONG_PIN[] = "161803";
 
 const std::string ENTER(1, VK_RETURN);
 const std::string ESCAPE(1, VK_ESCAPE);
@@ -98,9 +100,9 @@ TEST_F(LoginTest, KeysAndMouse) {
     } rows[] = {
         {"Escape", {typing(ESCAPE)}, code(NTE_FAIL)},
         {"Cancel, with a PIN typed", {typing(PIN, clickCancel)}, code(NTE_FAIL)},
-        {"a wrong PIN twice, then Escape",
+        {"two wrong PINs, then Escape",
          {typing(WRONG_PIN, clickLogin), boxAndEnter("Invalid user pin. Remaining attempts(9)"),
-          typing(WRONG_PIN + ENTER), boxAndEnter("Invalid user pin. Remaining attempts(8)"), typing(ESCAPE)},
+          typing(OTHER_WRONG_PIN + ENTER), boxAndEnter("Invalid user pin. Remaining attempts(8)"), typing(ESCAPE)},
          code(NTE_FAIL)},
         {"a wrong PIN, then the right one",
          {typing(WRONG_PIN, clickLogin), boxAndEnter("Invalid user pin. Remaining attempts(7)"),
@@ -123,7 +125,7 @@ TEST_F(LoginTest, ALockedPinStaysLocked) {
     const UserStep locked = box("User pin locked, re-initialise device");
     {
         const PasswordUser user(
-            {logIn(WRONG_PIN), box("Invalid user pin. Remaining attempts(1)"), logIn(WRONG_PIN), locked});
+            {logIn(WRONG_PIN), box("Invalid user pin. Remaining attempts(1)"), logIn(OTHER_WRONG_PIN), locked});
         EXPECT_EQ(sign(context), code(NTE_FAIL));
     }
     const PasswordUser user({logIn(PIN), locked, logIn(PIN)});
