@@ -5,6 +5,7 @@
 #include "capi/entry.h"
 #include "core/container_map.h"
 #include "core/device_monitor.h"
+#include "core/device_setup.h"
 #include "core/login.h"
 #include "core/pin_cache.h"
 #include "core/token_library.h"
@@ -12,27 +13,6 @@
 namespace {
 
 constexpr DWORD NO_TOKEN = static_cast<DWORD>(NTE_TOKEN_KEYSET_STORAGE_FULL);
-
-void prepareLibrary() {
-    zentok_init(0, nullptr, 2);
-}
-
-/// Opens every connected device that this process has not opened yet. One that fails stays unmarked, for the next
-/// acquire to try again.
-void initialiseDevices(const std::vector<std::string>& devices, void* tokenContext) {
-    for (const std::string& serial : devices) {
-        if (pinStateIsDeviceInitialised(serial)) {
-            continue;
-        }
-        prepareLibrary();
-        const int result = zentok_initDevice(serial.c_str(), false, tokenContext);
-        if (result == TOKEN_OK) {
-            pinStateMarkDeviceInitialised(serial);
-        } else {
-            logError("Init device failed for " + serial + " : " + std::to_string(result));
-        }
-    }
-}
 
 void listKeyNames(CSP_CONTEXT& context) {
     const std::vector<ZentokKeyPair> keys = zentok_getKeyPairList(context.serial.c_str(), context.tokenContext);
@@ -134,7 +114,7 @@ BOOL acquireTokenContext(std::unique_ptr<CSP_CONTEXT> context, LPCSTR pszContain
         context.reset();
         return fail(NO_TOKEN, "CPAcquireContext: valid token not connected, return FALSE");
     }
-    initialiseDevices(devices, context->tokenContext);
+    initialiseDevices(devices, "Init device failed for ", context->tokenContext);
 
     std::string name;
     if (pszContainer != nullptr) {

@@ -10,6 +10,7 @@
 #include "cert/key_encoding.h"
 #include "core/container_map.h"
 #include "core/firmware_policy.h"
+#include "core/key_record.h"
 #include "core/login.h"
 #include "core/pin_cache.h"
 
@@ -40,14 +41,7 @@ bool isEcKeyType(std::int32_t keyType) {
 /// Copies what a key object knows of its token record. False, with a line in the log under the entry's name, when a
 /// length in the record lies outside its field.
 bool copyKeyRecord(const char* entry, KEY_HANDLE& key, const ZentokKeyPair& record) {
-    const auto fits = [](std::int32_t length, std::size_t field) {
-        return length >= 0 && static_cast<std::size_t>(length) <= field;
-    };
-    if (!fits(record.publicKeyLength, sizeof record.publicKey) ||
-        !fits(record.keyLabelLength, sizeof record.keyLabel)) {
-        logError(std::string(entry) + ": the token library gave key " + keyText(record.credentialId) +
-                 " with publicKeyLength=" + std::to_string(record.publicKeyLength) +
-                 " keyLabelLength=" + std::to_string(record.keyLabelLength));
+    if (!isSoundRecord(entry, record)) {
         return false;
     }
     std::memcpy(key.credentialId, record.credentialId, sizeof key.credentialId);

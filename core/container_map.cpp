@@ -3,6 +3,8 @@
 #include <algorithm>
 
 #include "cert/key_encoding.h"
+#include "core/key_record.h"
+#include "core/wide_text.h"
 
 namespace {
 
@@ -53,11 +55,6 @@ char lowerAscii(char character) {
 bool equalIgnoringCase(std::string_view left, std::string_view right) {
     return std::equal(left.begin(), left.end(), right.begin(), right.end(),
                       [](char a, char b) { return lowerAscii(a) == lowerAscii(b); });
-}
-
-/// The alias up to its terminator, or the whole field of a record without one.
-std::string_view aliasText(const ZentokKeyPair& key) {
-    return {key.alias, static_cast<std::size_t>(std::find(key.alias, std::end(key.alias), '\0') - key.alias)};
 }
 
 /// The first connected device with a key that `matches`, else the first one; empty when none is connected.
@@ -129,10 +126,8 @@ std::string resolveContainerDevice(const std::string& name) {
 }
 
 std::string resolveKeyDevice(std::basic_string_view<WCHAR> name) {
-    std::string narrowed(name.size(), '\0');
-    std::transform(name.begin(), name.end(), narrowed.begin(),
-                   [](WCHAR character) { return static_cast<char>(character & 0xFF); });
-    return findDevice(narrowed.empty(), [&](const ZentokKeyPair& key) {
-        return equalIgnoringCase(narrowed, keyText(key.credentialId)) || equalIgnoringCase(narrowed, aliasText(key));
+    const std::string narrow = narrowed(name);
+    return findDevice(narrow.empty(), [&](const ZentokKeyPair& key) {
+        return equalIgnoringCase(narrow, keyText(key.credentialId)) || equalIgnoringCase(narrow, aliasText(key));
     });
 }

@@ -1,0 +1,66 @@
+// What the tests of the key storage operations share: a provider on "T1", keys, and statuses held as last errors.
+#pragma once
+
+#include <algorithm>
+
+#include "cng/functions.h"
+#include "cng/keys.h"
+#include "cng/provider.h"
+#include "core/process_iv.h"
+#include "tests/support/password_user.h"
+#include "tests/unit/provider_test.h"
+
+namespace test {
+
+constexpr auto INVALID_HANDLE = static_cast<DWORD>(NTE_INVALID_HANDLE);
+constexpr auto INVALID_PARAMETER = static_cast<DWORD>(NTE_INVALID_PARAMETER);
+constexpr auto TOO_SMALL = static_cast<DWORD>(NTE_BUFFER_TOO_SMALL);
+constexpr auto NOT_SUPPORTED = static_cast<DWORD>(NTE_NOT_SUPPORTED);
+constexpr auto INTERNAL_ERROR = static_cast<DWORD>(NTE_INTERNAL_ERROR);
+constexpr auto BAD_DATA = static_cast<DWORD>(NTE_BAD_DATA);
+
+inline bool succeeds(SECURITY_STATUS status) {
+    SetLastError(static_cast<DWORD>(status));
+    return status == ERROR_SUCCESS;
+}
+
+const std::string AA = idText(0xAA);
+const std::string KSP_CACHED = "KSP: PIN already validated";
+const std::string KSP_ASKS = "KSP: Password not validated, checking SSO|" + ONE_DIALOG;
+const std::string KSP_CANCELLED = "|KSP: User cancelled password dialog";
+const std::string INFO = "getTokenInfo('T1', null)";
+const std::string ASKED_AGAIN = "|" + INFO + "|validatePassword('T1', '5678', 1, 0, null)|";
+
+/// The SubjectPublicKeyInfo of a modulus of 64 bytes without its top bit, and the exponent 65537.
+inline std::string spki(const Bytes& modulus) {
+    return "305B300D06092A864886F70D0101010500034A0030470240" + hex(modulus) + "0203010001";
+}
+
+class KspTest : public ProviderTest {
+protected:
+    void SetUp() override {
+        ProviderTest::SetUp();
+        setProcessIv({});
+        provider.deviceName = "T1";
+        provider.firmwareVersion = "2.0.0";
+        provider.initialized = true;
+        cachePin();
+    }
+    /// The key AA of the token.
+    static KSP_KEY keyObject(std::uint32_t keyType, std::uint32_t bits, const Bytes& publicKey = {}) {
+        KSP_KEY key;
+        std::fill(std::begin(key.credentialId), std::end(key.credentialId), static_cast<unsigned char>(0xAA));
+        key.keyType = keyType;
+        key.bitSize = bits;
+        std::copy(publicKey.begin(), publicKey.end(), key.publicKey);
+        key.publicKeyLength = static_cast<std::int32_t>(publicKey.size());
+        return key;
+    }
+
+    KSP_PROVIDER provider;
+    const KSP_PROVIDER unopened;
+    RimmedBuffer buffer{300};
+    DWORD length = UNTOUCHED;
+};
+
+}  // namespace test
