@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "cert/key_encoding.h"
 #include "cert/public_key.h"
 #include "cng/entry.h"
 #include "cng/output.h"
@@ -36,6 +37,7 @@ constexpr RsaType RSA_TYPES[] = {
     {3072, ENCRYPTION_RSA_3072},
     {4096, ENCRYPTION_RSA_4096},
 };
+constexpr RsaType DEFAULT_RSA_TYPE = RSA_TYPES[1];
 
 struct OaepPadding {
     WideView hash;
@@ -65,10 +67,20 @@ EncryptionType aesType(const KSP_KEY& key) {
 }
 
 /// The type by the object's size, which a caller may have set to anything.
-EncryptionType rsaType(std::uint32_t bits) {
+const RsaType& rsaType(std::uint32_t bits) {
     const auto* row = std::find_if(std::begin(RSA_TYPES), std::end(RSA_TYPES),
                                    [&](const RsaType& candidate) { return candidate.bits == bits; });
-    return row != std::end(RSA_TYPES) ? row->type : ENCRYPTION_RSA_2048;
+    return row != std::end(RSA_TYPES) ? *row : DEFAULT_RSA_TYPE;
+}
+
+/// What the library may write at most: the ciphertext of the type that it is told, or of the modulus that the public
+/// key holds, where an object's size is not its modulus's.
+std::size_t largestCiphertext(const KSP_KEY& key) {
+    constexpr std::size_t DER_OVERHEAD = 38;  // of a SubjectPublicKeyInfo over its modulus
+    const std::span<const unsigned char> publicKey = key.publicKeyBytes();
+    const std::size_t overhead = isDerPublicKey(publicKey) ? DER_OVERHEAD : 0;
+    return std::max<std::size_t>(rsaType(key.bitSize).bits / 8,
+                                 publicKey.size() - std::min(publicKey.size(), overhead));
 }
 
 /// The hash that the padding information of an OAEP call names; null for none. The label is not looked at, and without
@@ -168,12 +180,11 @@ SECURITY_STATUS encryptRsa(const KSP_PROVIDER& provider, const KSP_KEY& key, std
     const std::vector<unsigned char> spki =
         rsaPublicKeyToSpki(key.publicKeyBytes(), "KSP: Public key is raw modulus, converting to DER",
                            "KSP: Public key is already DER encoded");
-    // The library is not told the room, and an object's size need not be its modulus's. No encoding of a key is shorter
-    // than its modulus: where the caller's buffer might be, the library writes into a spare one.
-    const std::size_t bound = key.publicKeyBytes().size();
+    // The library is not told the room: where the caller's buffer might be too small, it writes into a spare one.
+    const std::size_t bound = largestCiphertext(key);
     std::vector<unsigned char> spare(out.cbOutput < bound ? bound : 0);
     int length = 0;
-    const int status = zentok_encrypt(rsaType(key.bitSize), rsaPadding(paddingInfo, flags), input.data(),
+    const int status = zentok_encrypt(rsaType(key.bitSize).type, rsaPadding(paddingInfo, flags), input.data(),
                                       static_cast<int>(input.size()), spare.empty() ? out.pbOutput : spare.data(),
                                       &length, spki.data(), static_cast<int>(spki.size()), provider.tokenContext);
     if (status != TOKEN_OK) {
@@ -245,7 +256,7 @@ SECURITY_STATUS decryptSymmetric(const KSP_PROVIDER& provider, const KSP_KEY& ke
     if (input.size() > INT_MAX) {
         return failInputSize("KSPDecrypt", input.size());
     }
-    const std::unique_ptr<unsigned char[]> scratch(new (std::nothrow) unsigned char[input.size()]);
+    const std::unique_ptr<unsigned char[]> scratch(new (std::nothrow) unsigned char[input.size()]());
     if (scratch == nullptr) {
         return failStatus(NTE_NO_MEMORY, "KSPDecrypt: failed to allocate output buffer");
     }
@@ -287,7 +298,7 @@ void logDecryptPadding(const void* paddingInfo, DWORD flags) {
     }
     logInfo("KSPDecrypt: dwFlags=0x" + hex32(flags) + " padding=" + label);
     if (const WCHAR* name = oaepHashName(paddingInfo, flags); name != nullptr) {
-        logInfo("KSPDecrypt: OAEP hash algorithm=" + narrowed(WideView(name).substr(0, HASH_NAME_LOGGED)));
+        logInfo("KSPDecrypt: OAEP hash algorithm=" + narrowed({name, boundedLength(name, HASH_NAME_LOGGED)}));
     }
 }
 

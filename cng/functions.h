@@ -95,7 +95,8 @@ SECURITY_STATUS WINAPI KSPEncrypt(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDL
                                   VOID* pPaddingInfo, PBYTE pbOutput, DWORD cbOutput, DWORD* pcbResult, DWORD dwFlags);
 
 /// RSA on the token under the PIN, or AES with the key that the object holds. NTE_NOT_SUPPORTED for PKCS#1 v1.5 padding
-/// on a FIPS 140-3 token, NTE_SILENT_CONTEXT, NTE_FAIL without a PIN, NTE_BUFFER_TOO_SMALL, NTE_INTERNAL_ERROR.
+/// on a FIPS 140-3 token, NTE_SILENT_CONTEXT, NTE_FAIL without a PIN, NTE_BUFFER_TOO_SMALL, NTE_INTERNAL_ERROR,
+/// NTE_NO_MEMORY.
 SECURITY_STATUS WINAPI KSPDecrypt(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, PBYTE pbInput, DWORD cbInput,
                                   VOID* pPaddingInfo, PBYTE pbOutput, DWORD cbOutput, DWORD* pcbResult, DWORD dwFlags);
 
@@ -115,7 +116,7 @@ SECURITY_STATUS WINAPI KSPVerifySignature(NCRYPT_PROV_HANDLE hProvider, NCRYPT_K
 // --- key blobs (key_import.cpp, key_export.cpp) ---
 
 /// Public keys stay in the object, AES keys go to the token or into the object, as their blob type says; no PIN is
-/// asked for. NTE_BAD_DATA, NTE_BAD_KEY, NTE_BAD_TYPE, NTE_NOT_SUPPORTED.
+/// asked for. NTE_BAD_DATA, NTE_BAD_KEY, NTE_BAD_TYPE, NTE_NOT_SUPPORTED, NTE_NO_MEMORY.
 SECURITY_STATUS WINAPI KSPImportKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hImportKey, LPCWSTR pszBlobType,
                                     NCryptBufferDesc* pParameterList, NCRYPT_KEY_HANDLE* phKey, PBYTE pbData,
                                     DWORD cbData, DWORD dwFlags);

@@ -25,7 +25,13 @@ void refillPublicKey(const KSP_PROVIDER& provider, KSP_KEY& key) {
     const auto found = std::find_if(keys.begin(), keys.end(), [&](const ZentokKeyPair& candidate) {
         return std::memcmp(candidate.credentialId, key.credentialId, sizeof key.credentialId) == 0;
     });
-    if (found != keys.end() && isSoundRecord("KSPExportKey", *found)) {
+    if (found == keys.end()) {
+        return;
+    }
+    if (found->publicKeyLength < 0 || found->publicKeyLength > static_cast<std::int32_t>(sizeof key.publicKey)) {
+        logError("KSPExportKey: the token library gave a public key of " + std::to_string(found->publicKeyLength) +
+                 " bytes");
+    } else {
         std::copy_n(found->publicKey, found->publicKeyLength, key.publicKey);
         key.publicKeyLength = found->publicKeyLength;
     }

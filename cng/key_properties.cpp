@@ -199,8 +199,9 @@ SECURITY_STATUS setChainingMode(const SetRequest& request) {
     if (request.input == nullptr || request.size == 0) {
         return ERROR_SUCCESS;
     }
-    // The text's length is where its terminator is, whatever the size says.
-    const WideView mode = reinterpret_cast<LPCWSTR>(request.input);
+    // The text's length is where its terminator is, whatever the size says. One character more than a mode has tells.
+    const auto* text = reinterpret_cast<LPCWSTR>(request.input);
+    const WideView mode(text, boundedLength(text, CHAINING_MODE_CBC.size() + 1));
     if (mode == CHAINING_MODE_CBC) {
         request.key.chainingMode = 0;
         logInfo("KSP: Chaining mode set to CBC");

@@ -291,12 +291,13 @@ SECURITY_STATUS WINAPI KSPEnumKeys(NCRYPT_PROV_HANDLE hProvider, LPCWSTR /*pszSc
     }
     if (*ppEnumState == nullptr) {
         // KSPFreeBuffer takes the state back as a plain block and leaves the list in it allocated.
-        void* const block = std::malloc(sizeof(KSP_KEY_ENUM));
+        std::unique_ptr<void, FreeMemoryBlock> block(std::malloc(sizeof(KSP_KEY_ENUM)));
         if (block == nullptr) {
             return failStatus(NTE_NO_MEMORY, "KSPEnumKeys: failed to allocate enum state");
         }
-        *ppEnumState =
-            new (block) KSP_KEY_ENUM{0, zentok_getKeyPairList(provider->deviceName.c_str(), provider->tokenContext)};
+        *ppEnumState = new (block.get())
+            KSP_KEY_ENUM{0, zentok_getKeyPairList(provider->deviceName.c_str(), provider->tokenContext)};
+        static_cast<void>(block.release());
     }
     KSP_KEY_ENUM& state = *static_cast<KSP_KEY_ENUM*>(*ppEnumState);
     if (state.nextIndex >= state.keys.size()) {

@@ -177,10 +177,9 @@ SECURITY_STATUS WINAPI KSPDeriveKey(NCRYPT_PROV_HANDLE /*hProvider*/, NCRYPT_SEC
     // The library counts in signed 32-bit numbers.
     if (parameters.label.size() + parameters.context.size() > INT_MAX - sizeof secret->secretValue) {
         return failStatus(NTE_INVALID_PARAMETER,
-                          "KSPDeriveKey: label and context are larger than the token library "
-                          "takes");
+                          "KSPDeriveKey: label and context are larger than the token library takes");
     }
-    const std::vector<unsigned char> input = concatenate({parameters.label, parameters.context, secret->bytes()});
+    std::vector<unsigned char> input = concatenate({parameters.label, parameters.context, secret->bytes()});
     const DerivationHash& algorithm = hashOfName(parameters.hashName);
     const char* const device = provider != nullptr ? provider->deviceName.c_str() : "";
     void* const tokenContext = provider != nullptr ? provider->tokenContext : nullptr;
@@ -189,12 +188,13 @@ SECURITY_STATUS WINAPI KSPDeriveKey(NCRYPT_PROV_HANDLE /*hProvider*/, NCRYPT_SEC
         return failStatus(NTE_INTERNAL_ERROR, "KSPDeriveKey: zentok_initHash failed, ret=" + std::to_string(result));
     }
     zentok_updateHash(hash, input.data(), static_cast<int>(input.size()), tokenContext);
+    SecureZeroMemory(input.data(), input.size());
     unsigned char digest[LARGEST_DIGEST] = {};
     int digestLength = algorithm.digestSize;
     if (const int result = zentok_finalHash(hash, digest, &digestLength, tokenContext); result != TOKEN_OK) {
         return failStatus(NTE_INTERNAL_ERROR, "KSPDeriveKey: zentok_finalHash failed, ret=" + std::to_string(result));
     }
-    if (digestLength < 0 || digestLength > algorithm.digestSize) {
+    if (digestLength < 1 || digestLength > algorithm.digestSize) {
         return failStatus(NTE_INTERNAL_ERROR, "KSPDeriveKey: the token library gave a digest of " +
                                                   std::to_string(digestLength) + " bytes");
     }

@@ -122,7 +122,9 @@ bool ensurePasswordValidated(const CSP_CONTEXT* context) {
     return true;
 }
 
-bool kspEnsurePasswordValidated(const std::string& device, void* libraryContext) {
+bool kspEnsurePasswordValidated(const std::string& deviceName, void* libraryContext) {
+    // The host may move its provider to another token while the dialog is open: the PIN is for this one.
+    const std::string device = deviceName;
     if (isPinCached(device)) {
         logInfo("KSP: PIN already validated");
         return true;

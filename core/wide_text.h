@@ -10,6 +10,15 @@
 using WideText = std::basic_string<WCHAR>;
 using WideView = std::basic_string_view<WCHAR>;
 
+/// Characters before the terminator, at most `limit`: nothing is read behind those.
+inline std::size_t boundedLength(const WCHAR* text, std::size_t limit) {
+    std::size_t length = 0;
+    while (length < limit && text[length] != 0) {
+        ++length;
+    }
+    return length;
+}
+
 /// Only the low byte of each character counts.
 inline std::string narrowed(WideView text) {
     std::string narrow(text.size(), '\0');

@@ -9,6 +9,7 @@
 
 inline constexpr Option CONTAINER{"container", "NAME", "the container, or the 32 digits of a key", true};
 inline constexpr Option PIN{"pin", "PIN", "the token's PIN; without it a dialog asks"};
+inline constexpr Option CNG{"cng", nullptr, "through the key storage provider instead of CryptoAPI"};
 
 std::span<const Command> keyCommands();
 std::span<const Command> signatureCommands();

@@ -4,6 +4,7 @@
 
 #include "tools/zentok/certificates.h"
 #include "tools/zentok/commands.h"
+#include "tools/zentok/commands_cng.h"
 #include "tools/zentok/csp.h"
 #include "tools/zentok/failure.h"
 #include "tools/zentok/files.h"
@@ -36,7 +37,11 @@ std::string keyDescription(const Key& key) {
                               : "");
 }
 
-void runShow(const Arguments& /*arguments*/) {
+void runShow(const Arguments& arguments) {
+    if (arguments.has("cng")) {
+        cng::show();
+        return;
+    }
     const std::vector<std::string> keys = listKeys(openContainer(""));
     const std::vector<Container> containers = listContainers();
     if (keys.empty()) {
@@ -51,64 +56,89 @@ void runShow(const Arguments& /*arguments*/) {
                 std::cout << "  container " << container.name << "\n";
             }
         }
-        const std::vector<BYTE> der = readCertificate(key);
-        if (der.empty()) {
-            std::cout << "  no certificate\n";
-            continue;
-        }
-        const Certificate certificate = parseCertificate(der, "what the token holds as certificate");
-        std::cout << "  certificate of " << subjectText(certificate) << "\n    issued by " << issuerText(certificate)
-                  << ", valid until " << lastDay(certificate) << "\n";
+        std::cout << certificateDescription(readCertificate(key));
     }
+}
+
+/// CryptoAPI's blobs carry RSA keys alone.
+void requireRsa(const Key& key, const std::string& container) {
+    if (keyNumber(key, KP_ALGID) == ALG_EC_KEY) {
+        throw Failure("the container \"" + container + "\" has an elliptic-curve key, which CryptoAPI cannot export\n" +
+                      "With --cng it can be done.");
+    }
+}
+
+Bytes containerPublicKeyInfo(const Arguments& arguments) {
+    const std::string& name = arguments.get("container");
+    const Context context = openContainer(name);
+    requireRsa(requireKey(context, name), name);
+    return publicKeyInfo(context);
 }
 
 void runPublicKey(const Arguments& arguments) {
+    const Bytes info = arguments.has("cng") ? cng::publicKeyInfo(arguments) : containerPublicKeyInfo(arguments);
+    deliver(arguments, pemText(info, "PUBLIC KEY"),
+            "the public key of the container \"" + arguments.get("container") + "\"");
+}
+
+Bytes containerRequest(const Arguments& arguments) {
     const std::string& name = arguments.get("container");
     const Context context = openContainer(name);
-    if (keyNumber(requireKey(context, name), KP_ALGID) == ALG_EC_KEY) {
-        throw Failure("the container \"" + name +
-                      "\" has an elliptic-curve key, whose public half CryptoAPI cannot "
-                      "export");
-    }
-    deliver(arguments, pemText(publicKeyInfo(context), "PUBLIC KEY"),
-            "the public key of the container \"" + name + "\"");
+    requireRsa(requireKey(context, name), name);
+    logIn(context, arguments.find("pin"));
+    return certificateRequest(context, arguments.get("subject"));
 }
 
 void runRequest(const Arguments& arguments) {
-    const std::string& name = arguments.get("container");
-    const Context context = openContainer(name);
-    if (keyNumber(requireKey(context, name), KP_ALGID) == ALG_EC_KEY) {
-        throw Failure("the container \"" + name + "\" has an elliptic-curve key, for which CryptoAPI makes no request");
-    }
-    logIn(context, arguments.find("pin"));
-    deliver(arguments, pemText(certificateRequest(context, arguments.get("subject")), "CERTIFICATE REQUEST"),
-            "the request for the container \"" + name + "\"");
+    const Bytes request = arguments.has("cng") ? cng::request(arguments) : containerRequest(arguments);
+    deliver(arguments, pemText(request, "CERTIFICATE REQUEST"),
+            "the request for the container \"" + arguments.get("container") + "\"");
 }
 
-void runImport(const Arguments& arguments) {
+void storeCertificate(const Arguments& arguments, const Certificate& certificate) {
     const std::string& name = arguments.get("container");
-    const std::string& file = arguments.get("in");
-    const std::vector<BYTE> der = derOf(readFile(file, LARGEST_CERTIFICATE, "a certificate"), file);
-    const Certificate certificate = parseCertificate(der, file);
     const Context context = openContainer(name);
     const Key key = requireKey(context, name);
     // CryptoAPI exports no elliptic-curve key to compare with.
-    if (keyNumber(key, KP_ALGID) != ALG_EC_KEY && publicKeyInfo(certificate) != publicKeyInfo(context)) {
-        throw Failure(file + " is the certificate of another key than that of the container \"" + name + "\"");
+    if (keyNumber(key, KP_ALGID) != ALG_EC_KEY) {
+        requireSameKey(certificate, publicKeyInfo(context), arguments);
     }
     logIn(context, arguments.find("pin"));
     if (CryptSetKeyParam(key.get(), KP_CERTIFICATE, certificate->pbCertEncoded, 0) == FALSE) {
         throw platformFailure("store the certificate", GetLastError(),
                               "The token refused it, or it is too large; the provider's log says more.");
     }
+}
+
+void runImport(const Arguments& arguments) {
+    const std::string& file = arguments.get("in");
+    const Certificate certificate =
+        parseCertificate(derOf(readFile(file, LARGEST_CERTIFICATE, "a certificate"), file), file);
+    if (arguments.has("cng")) {
+        cng::storeCertificate(arguments, certificate);
+    } else {
+        storeCertificate(arguments, certificate);
+    }
     std::cout << "Stored the certificate of " << subjectText(certificate) << " on the token.\n";
+}
+
+/// The DER of what is to be exported; empty when there is none.
+Bytes exported(const Arguments& arguments, bool chain) {
+    if (arguments.has("cng")) {
+        if (chain) {
+            throw UsageError("--chain comes from CryptoAPI: leave out --cng");
+        }
+        return cng::readCertificate(arguments);
+    }
+    const std::string& name = arguments.get("container");
+    const Context context = openContainer(name);
+    return chain ? readCertificateChain(context) : readCertificate(requireKey(context, name));
 }
 
 void runExport(const Arguments& arguments) {
     const std::string& name = arguments.get("container");
-    const Context context = openContainer(name);
     const bool chain = arguments.has("chain");
-    const std::vector<BYTE> bytes = chain ? readCertificateChain(context) : readCertificate(requireKey(context, name));
+    const Bytes bytes = exported(arguments, chain);
     if (bytes.empty()) {
         throw Failure("the container \"" + name +
                       "\" has no certificate\n`zentok certificate import` stores one on the token.");
@@ -125,7 +155,9 @@ void runMessage(const Arguments& arguments) {
     const std::string content = readFile(file, LARGEST_CONTENT, "a message that is made in memory");
     const Context context = openContainer(name);
     logIn(context, arguments.find("pin"));
-    const std::vector<BYTE> message = signMessage(context, name, content, arguments.has("detached"));
+    const bool cng = arguments.has("cng");
+    const Bytes message =
+        signMessage(context, cng ? cng::requireRouter(arguments) : name, content, arguments.has("detached"), cng);
     writeFile(target, message);
     std::cout << "Signed " << file << " with the container \"" << name << "\": a CMS message of " << message.size()
               << " bytes in " << target << "\n";
@@ -133,25 +165,28 @@ void runMessage(const Arguments& arguments) {
 
 constexpr Option TARGET{"out", "FILE", "where to write it; to the output when not given"};
 
-constexpr Option PUBLIC_KEY_OPTIONS[] = {CONTAINER, TARGET};
+constexpr Option SHOW_OPTIONS[] = {CNG};
+constexpr Option PUBLIC_KEY_OPTIONS[] = {CONTAINER, TARGET, CNG};
 constexpr Option REQUEST_OPTIONS[] = {
-    CONTAINER, {"subject", "NAME", "whom the certificate is for, \"CN=Somebody, O=Firm\"", true}, TARGET, PIN};
-constexpr Option IMPORT_OPTIONS[] = {CONTAINER, {"in", "FILE", "the certificate, PEM or DER", true}, PIN};
+    CONTAINER, {"subject", "NAME", "whom the certificate is for, \"CN=Somebody, O=Firm\"", true}, TARGET, CNG, PIN};
+constexpr Option IMPORT_OPTIONS[] = {CONTAINER, {"in", "FILE", "the certificate, PEM or DER", true}, CNG, PIN};
 constexpr Option EXPORT_OPTIONS[] = {
-    CONTAINER, TARGET, {"chain", nullptr, "with its issuers that are on the token, as PKCS#7"}};
+    CONTAINER, TARGET, {"chain", nullptr, "with its issuers that are on the token, as PKCS#7"}, CNG};
 constexpr Option MESSAGE_OPTIONS[] = {
     CONTAINER,
     {"in", "FILE", "the file to sign", true},
     {"out", "FILE", "where the message goes; FILE.p7m beside the file when not given"},
     {"detached", nullptr, "leave the file's content out of the message"},
+    CNG,
     PIN,
 };
 
 constexpr Command COMMANDS[] = {
-    {"show", "Show the keys and certificates of the token", "", {}, runShow},
-    {"public-key", "Write the public key of a container as PEM", "For RSA keys.", PUBLIC_KEY_OPTIONS, runPublicKey},
-    {"certificate request", "Make a PKCS#10 request for a certificate", "For RSA keys. The request is PEM.",
-     REQUEST_OPTIONS, runRequest},
+    {"show", "Show the keys and certificates of the token", "", SHOW_OPTIONS, runShow},
+    {"public-key", "Write the public key of a container as PEM", "CryptoAPI exports RSA keys alone.",
+     PUBLIC_KEY_OPTIONS, runPublicKey},
+    {"certificate request", "Make a PKCS#10 request for a certificate",
+     "The request is PEM. CryptoAPI makes one for RSA keys alone.", REQUEST_OPTIONS, runRequest},
     {"certificate import", "Store a certificate on the token, beside its key",
      "Its issuers go onto the token, too, when all of them are in ZentokDSC\\Certificates below %ZENTOK_HOME%.",
      IMPORT_OPTIONS, runImport},

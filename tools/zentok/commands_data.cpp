@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "tools/zentok/commands.h"
+#include "tools/zentok/commands_cng.h"
 #include "tools/zentok/csp.h"
 #include "tools/zentok/failure.h"
 #include "tools/zentok/files.h"
@@ -22,6 +23,37 @@ std::string targetFile(const Arguments& arguments, const char* suffix) {
     return arguments.find("out").value_or(arguments.get("in") + suffix);
 }
 
+/// Bytes that one encryption to the key can carry.
+std::size_t capacity(const Key& key, std::size_t padding) {
+    const std::size_t modulus = keyNumber(key, KP_KEYLEN) / 8;
+    return modulus - std::min(modulus, PADDING_SIZES[padding]);
+}
+
+void encryptByKey(const Key& key, DWORD flags, std::vector<BYTE>& data) {
+    auto size = static_cast<DWORD>(data.size());
+    data.resize(std::max<std::size_t>(keyNumber(key, KP_KEYLEN) / 8, data.size()));
+    if (CryptEncrypt(key.get(), 0, TRUE, flags, data.data(), &size, static_cast<DWORD>(data.size())) == FALSE) {
+        throw platformFailure("encrypt", GetLastError());
+    }
+    data.resize(size);
+    std::ranges::reverse(data);  // CryptoAPI has it little-endian, the file the order of the standards
+}
+
+void decryptByKey(const Key& key, DWORD flags, std::vector<BYTE>& data) {
+    std::ranges::reverse(data);
+    auto size = static_cast<DWORD>(data.size());
+    if (CryptDecrypt(key.get(), 0, TRUE, flags, data.data(), &size) == FALSE) {
+        const DWORD code = GetLastError();
+        throw platformFailure("decrypt", code,
+                              code == static_cast<DWORD>(NTE_BAD_FLAGS)
+                                  ? "This token decrypts no PKCS#1 v1.5; encrypt with `--padding oaep`."
+                              : code == static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL)
+                                  ? "The file was not encrypted to this key, or is damaged."
+                                  : "");
+    }
+    data.resize(size);
+}
+
 void runEncrypt(const Arguments& arguments) {
     const std::string& name = arguments.get("container");
     const std::string& file = arguments.get("in");
@@ -29,21 +61,17 @@ void runEncrypt(const Arguments& arguments) {
     const std::size_t padding = arguments.getChoice("padding", PADDINGS);
     const Context context = openContainer(name);
     const Key key = requireKey(context, name);
-    const std::size_t modulus = keyNumber(key, KP_KEYLEN) / 8;
-    const std::size_t limit = modulus - std::min(modulus, PADDING_SIZES[padding]);
-    const std::string content = readFile(file, limit, "one RSA encryption, such as that of a key or a password");
+    const std::string content =
+        readFile(file, capacity(key, padding), "one RSA encryption, such as that of a key or a password");
     std::vector<BYTE> data(content.begin(), content.end());
-    auto size = static_cast<DWORD>(data.size());
-    data.resize(std::max(modulus, data.size()));
-    if (CryptEncrypt(key.get(), 0, TRUE, PADDING_FLAGS[padding], data.data(), &size, static_cast<DWORD>(data.size())) ==
-        FALSE) {
-        throw platformFailure("encrypt " + file, GetLastError());
+    if (arguments.has("cng")) {
+        data = cng::encrypt(arguments, data, padding == 0);
+    } else {
+        encryptByKey(key, PADDING_FLAGS[padding], data);
     }
-    data.resize(size);
-    std::ranges::reverse(data);  // CryptoAPI has it little-endian, the file the order of the standards
     writeFile(target, data);
-    std::cout << "Encrypted " << file << " to the container \"" << name << "\": " << size << " bytes in " << target
-              << "\n";
+    std::cout << "Encrypted " << file << " to the container \"" << name << "\": " << data.size() << " bytes in "
+              << target << "\n";
 }
 
 void runDecrypt(const Arguments& arguments) {
@@ -52,24 +80,18 @@ void runDecrypt(const Arguments& arguments) {
     const std::string target = targetFile(arguments, ".dec");
     const std::size_t padding = arguments.getChoice("padding", PADDINGS);
     const std::string content = readFile(file, LARGEST_MODULUS, "an RSA ciphertext");
-    std::vector<BYTE> data(content.rbegin(), content.rend());
-    auto size = static_cast<DWORD>(data.size());
-    const Context context = openContainer(name);
-    const Key key = requireKey(context, name);
-    logIn(context, arguments.find("pin"));
-    if (CryptDecrypt(key.get(), 0, TRUE, PADDING_FLAGS[padding], data.data(), &size) == FALSE) {
-        const DWORD code = GetLastError();
-        throw platformFailure("decrypt " + file, code,
-                              code == static_cast<DWORD>(NTE_BAD_FLAGS)
-                                  ? "This token decrypts no PKCS#1 v1.5; encrypt with `--padding oaep`."
-                              : code == static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL)
-                                  ? "The file was not encrypted to this key, or is damaged."
-                                  : "");
+    std::vector<BYTE> data(content.begin(), content.end());
+    if (arguments.has("cng")) {
+        data = cng::decrypt(arguments, data, padding == 0);
+    } else {
+        const Context context = openContainer(name);
+        const Key key = requireKey(context, name);
+        logIn(context, arguments.find("pin"));
+        decryptByKey(key, PADDING_FLAGS[padding], data);
     }
-    data.resize(size);
     writeFile(target, data);
-    std::cout << "Decrypted " << file << " with the container \"" << name << "\": " << size << " bytes in " << target
-              << "\n";
+    std::cout << "Decrypted " << file << " with the container \"" << name << "\": " << data.size() << " bytes in "
+              << target << "\n";
 }
 
 constexpr Option PADDING{"padding", "PADDING", "oaep (with SHA-1) or pkcs1 (v1.5)", false, "oaep"};
@@ -79,12 +101,14 @@ constexpr Option ENCRYPT_OPTIONS[] = {
     {"in", "FILE", "the file to encrypt", true},
     {"out", "FILE", "where the ciphertext goes; FILE.enc beside the file when not given"},
     PADDING,
+    CNG,
 };
 constexpr Option DECRYPT_OPTIONS[] = {
     CONTAINER,
     {"in", "FILE", "the file to decrypt", true},
     {"out", "FILE", "where the content goes; FILE.dec beside the file when not given"},
     PADDING,
+    CNG,
     PIN,
 };
 

@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "tools/zentok/commands.h"
+#include "tools/zentok/commands_cng.h"
 #include "tools/zentok/csp.h"
 #include "tools/zentok/failure.h"
 #include "tools/zentok/text.h"
@@ -26,7 +27,14 @@ void generateKey(const Context& context, ALG_ID algorithm, unsigned long bits) {
 }
 
 void runGenerate(const Arguments& arguments) {
+    if (arguments.has("cng")) {
+        cng::generate(arguments);
+        return;
+    }
     const std::string& name = arguments.get("container");
+    if (arguments.get("type") != "rsa") {
+        throw UsageError("CryptoAPI generates --type rsa alone; add --cng for elliptic curves");
+    }
     const ALG_ID algorithm = arguments.getChoice("usage", USAGES) == 0 ? CALG_RSA_SIGN : CALG_RSA_KEYX;
     const unsigned long bits = arguments.getNumber("bits", 1, 0xFFFF);
     if (toWide(name).size() > LONGEST_CONTAINER_NAME) {
@@ -75,6 +83,10 @@ void runContainers(const Arguments& /*arguments*/) {
 }
 
 void runDelete(const Arguments& arguments) {
+    if (arguments.has("cng")) {
+        cng::remove(arguments);
+        return;
+    }
     const std::string& name = arguments.get("container");
     const std::optional<Container> container = findContainer(name);
     if (!container) {
@@ -100,18 +112,21 @@ void runDelete(const Arguments& arguments) {
 }
 
 constexpr Option GENERATE_OPTIONS[] = {
-    {"container", "NAME", "the name that the key gets", true},
+    {"container", "NAME", "the name that the key gets; with --cng it gets none"},
+    {"type", "TYPE", "rsa or, with --cng, p256, p384 or p521", false, "rsa"},
     {"bits", "BITS", "the least size that will do", false, "2048"},
     {"usage", "USAGE", "sign or exchange", false, "sign"},
+    CNG,
     PIN,
 };
-constexpr Option DELETE_OPTIONS[] = {{"container", "NAME", "the container", true}, PIN};
+constexpr Option DELETE_OPTIONS[] = {CONTAINER, CNG, PIN};
 
 constexpr Command COMMANDS[] = {
-    {"key generate", "Generate an RSA key on the token, in a container of its own", "The token chooses the size.",
-     GENERATE_OPTIONS, runGenerate},
+    {"key generate", "Generate a key on the token, in a container of its own",
+     "Through CryptoAPI the token chooses the size.", GENERATE_OPTIONS, runGenerate},
     {"containers", "List this user's containers and the keys filed under them", "", {}, runContainers},
-    {"delete-container", "Delete a container, and its key from the token", "", DELETE_OPTIONS, runDelete},
+    {"delete-container", "Delete a container, and its key from the token",
+     "With --cng the key alone is deleted; the entry of its container stays.", DELETE_OPTIONS, runDelete},
 };
 
 }  // namespace

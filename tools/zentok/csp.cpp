@@ -49,15 +49,19 @@ Context openContainer(const std::string& name) {
     return Context(handle);
 }
 
+std::string ansiPin(const std::string& pin) {
+    std::string ansi = toAnsi(pin, "the PIN");
+    if (ansi.size() < SHORTEST_PIN || ansi.size() > LONGEST_PIN) {
+        throw UsageError("a PIN has 4 to 63 characters");
+    }
+    return ansi;
+}
+
 void logIn(const Context& context, const std::optional<std::string>& pin) {
     if (!pin) {
         return;
     }
-    const std::string ansi = toAnsi(*pin, "the PIN");
-    // A text that cannot be a PIN must not cost an attempt.
-    if (ansi.size() < SHORTEST_PIN || ansi.size() > LONGEST_PIN) {
-        throw UsageError("a PIN has 4 to 63 characters");
-    }
+    const std::string ansi = ansiPin(*pin);
     if (CryptSetProvParam(context.get(), PP_SIGNATURE_PIN, reinterpret_cast<const BYTE*>(ansi.c_str()), 0) == FALSE) {
         throw platformFailure("log in to the token", GetLastError());
     }

@@ -48,6 +48,10 @@ using Hash = OwnedHandle<destroyHash>;
 /// and the empty one opens the first token.
 Context openContainer(const std::string& name);
 
+/// A PIN (UTF-8) as the provider takes it; throws UsageError for a text that cannot be one, which would cost an
+/// attempt.
+std::string ansiPin(const std::string& pin);
+
 /// Logs in to the token with a PIN (UTF-8) that the user gave as an option; without one the provider's own dialog asks
 /// when an operation with a private key comes. Throws when the token refuses the PIN, which costs one attempt.
 void logIn(const Context& context, const std::optional<std::string>& pin);
