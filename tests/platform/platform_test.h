@@ -2,7 +2,6 @@
 // and this program run again as another process. The provider is reached through the platform alone.
 #pragma once
 
-#include <optional>
 #include <ostream>
 #include <string>
 #include <utility>
@@ -35,9 +34,11 @@ constexpr Code code(long value) {
 Code outcome(BOOL result);
 void PrintTo(Code value, std::ostream* stream);
 
-BOOL releaseContext(ULONG_PTR handle);
-BOOL destroyKey(ULONG_PTR handle);
-BOOL destroyHash(ULONG_PTR handle);
+struct Closing {
+    static BOOL context(ULONG_PTR handle) { return CryptReleaseContext(handle, 0); }
+    static BOOL key(ULONG_PTR handle) { return CryptDestroyKey(handle); }
+    static BOOL hash(ULONG_PTR handle) { return CryptDestroyHash(handle); }
+};
 
 /// Owns one CryptoAPI handle; `close` gives it back. Keys and hashes end before their context.
 template <BOOL (*close)(ULONG_PTR)>
@@ -46,11 +47,7 @@ public:
     Owned() = default;
     Owned(Owned&& other) noexcept : handle(std::exchange(other.handle, 0)) {}
     Owned& operator=(Owned&& other) = delete;
-    ~Owned() {
-        if (handle != 0) {
-            close(handle);
-        }
-    }
+    ~Owned() { static_cast<void>(handle != 0 && close(handle)); }
 
     [[nodiscard]] ULONG_PTR get() const { return handle; }
     ULONG_PTR* out() { return &handle; }
@@ -59,9 +56,9 @@ private:
     ULONG_PTR handle = 0;
 };
 
-using Context = Owned<releaseContext>;
-using Key = Owned<destroyKey>;
-using Hash = Owned<destroyHash>;
+using Context = Owned<Closing::context>;
+using Key = Owned<Closing::key>;
+using Hash = Owned<Closing::hash>;
 
 Code tryAcquire(Context& context, const std::string& container, DWORD flags = 0);
 Code tryAcquire(const std::string& container, DWORD flags = 0);
@@ -93,23 +90,26 @@ public:
     /// The PEM file of a public key as openssl sees it.
     [[nodiscard]] std::string publicKey(const std::string& keyText) const;
     [[nodiscard]] std::size_t keyCount() const;
-    [[nodiscard]] std::string folder() const;
-    void pullOut() const;
-    void plugIn() const;
+    [[nodiscard]] std::string folder(const char* hidden = "") const {
+        return softtoken::tokenHome() + "\\" + hidden + serial;
+    }
+    void pullOut() const { move(folder(), folder(".")); }  // no serial begins with a dot
+    void plugIn() const { move(folder("."), folder()); }
 
     const std::string serial;
 
 private:
-    [[nodiscard]] std::string hiddenFolder() const;
+    static void move(const std::string& from, const std::string& to);
 };
 
 /// Log level 3, and a container name for each test, whose entry in the registry ends with it.
 class PlatformTest : public ::testing::Test {
 protected:
-    void SetUp() override;
+    void SetUp() override { setLogLevel(3); }
     void TearDown() override;
 
-    std::string container;
+    const std::string container =
+        std::string("platform test ") + ::testing::UnitTest::GetInstance()->current_test_info()->name();
 };
 
 /// The user's registry entry of a container; empty when there is none.
@@ -121,12 +121,9 @@ void forgetKeys(const std::string& container);
 /// Waits for the log to show that the provider misses the token. Lines before `start` do not count.
 bool logShowsRemoval(const Token& token, std::size_t start);
 
-/// Returns directly after the provider has looked which tokens are there, so that for nearly a second it does not
-/// notice that one is pulled out.
-void awaitTokenPoll();
-
-/// Plays a role of platform_test.cpp in another process: its exit code, or nothing when it does not end in time.
-std::optional<DWORD> runChild(const std::string& role, const std::string& container, const std::string& file = "");
+/// Plays a role of platform_test.cpp, or without a container one of the library's exports, in another process: its exit
+/// code; another than success when it does not end in time.
+DWORD runChild(const std::string& role, const std::string& container);
 constexpr DWORD CHILD_SUCCEEDED = 42;
 
 }  // namespace test

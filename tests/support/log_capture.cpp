@@ -1,7 +1,6 @@
 #include "tests/support/log_capture.h"
 
 #include <algorithm>
-#include <cstddef>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -13,16 +12,33 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string tempFolder() {
-    char temp[MAX_PATH] = {};
-    GetTempPathA(sizeof temp, temp);
-    return temp;
-}
-
 fs::path logFolder() {
     char program[MAX_PATH] = {};
     GetModuleFileNameA(nullptr, program, sizeof program);
-    return fs::path(tempFolder()) / "Halvane" / fs::path(program).stem();
+    return fs::temp_directory_path() / "Halvane" / fs::path(program).stem();
+}
+
+std::uintmax_t logSize() {
+    std::uintmax_t size = 0;
+    std::error_code missing;
+    for (const fs::directory_entry& file : fs::directory_iterator(logFolder(), missing)) {
+        size += file.file_size();
+    }
+    return size;
+}
+
+/// The log from this position on. A run over midnight has two files, in the order of their names.
+std::string logFrom(std::uintmax_t start) {
+    std::string text;
+    std::error_code missing;
+    for (const fs::directory_entry& file : fs::directory_iterator(logFolder(), missing)) {
+        const std::uintmax_t skipped = std::min(start, file.file_size());
+        start -= skipped;
+        std::ifstream stream(file.path(), std::ios::binary);
+        stream.seekg(static_cast<std::streamoff>(skipped));
+        text += (std::ostringstream() << stream.rdbuf()).str();
+    }
+    return text;
 }
 
 Lines split(const std::string& text, char separator) {
@@ -48,8 +64,10 @@ Lines lines(const std::string& text) {
 }
 
 std::string usePrivateTempFolder(const std::string& name) {
-    static const std::string base = tempFolder();
-    const std::string folder = base + name + "-" + std::to_string(GetCurrentProcessId());
+    static const fs::path base = fs::temp_directory_path();
+    const std::string folder = (base / name).string();
+    static const std::uintmax_t leftBehind = fs::remove_all(folder);  // by an earlier run
+    static_cast<void>(leftBehind);
     fs::create_directories(folder);
     SetEnvironmentVariableA("TMP", folder.c_str());
     return folder;
@@ -60,19 +78,14 @@ void setLogLevel(DWORD level) {
 }
 
 std::string logFileText() {
-    std::string text;
-    std::error_code missing;
-    for (const fs::directory_entry& file : fs::directory_iterator(logFolder(), missing)) {
-        text += (std::ostringstream() << std::ifstream(file.path(), std::ios::binary).rdbuf()).str();
-    }
-    return text;
+    return logFrom(0);
 }
 
 Lines logOf(const std::function<void()>& action) {
     fs::create_directories(logFolder());
-    const std::size_t before = logFileText().size();
+    const std::uintmax_t before = logSize();
     action();
-    Lines log = split(logFileText().substr(before), '\n');
+    Lines log = split(logFrom(before), '\n');
     std::transform(log.begin(), log.end(), log.begin(), textOf);
     return log;
 }

@@ -14,8 +14,8 @@ using Lines = std::vector<std::string>;
 /// "a|b" as the two lines a and b; the empty text as none.
 Lines lines(const std::string& text);
 
-/// Lets the log run in a temporary folder of this process's own, which is made if need be, so that nothing else writes
-/// to it: its full path, without a trailing separator.
+/// Lets the log run in a temporary folder of this name, which is made if need be, so that nothing else writes
+/// to it: its full path, without a trailing separator. What an earlier run left in the first one goes.
 std::string usePrivateTempFolder(const std::string& name);
 
 /// Sets the log's level in the registry.

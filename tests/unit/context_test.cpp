@@ -1,79 +1,153 @@
-#include "core/log.h"
+#include <memory>
+
+#include "core/container_map.h"
+#include "core/device_monitor.h"
+#include "core/pin_cache.h"
+#include "tests/support/password_user.h"
 #include "tests/unit/provider_test.h"
 
 namespace test {
 namespace {
 
-const Entry ACQUIRE("CPAcquireContext");
-const Entry RELEASE("CPReleaseContext");
-const Entry GEN_RANDOM("CPGenRandom");
+const std::string FLAGS = "@ - dwFlags : ", NAMED = "@ - Container name : ", AA = idText(0xAA), BB = idText(0xBB);
+const std::string RUNNING = "Monitor thread already running, not starting again.|";
+const std::string RELISTED = "|getConnectedDeviceList(0, null)", LISTED = "init(0, null, 2)" + RELISTED;
 
-class ContextTest : public ProviderTest {};
-
-TEST_F(ContextTest, AcquireChecksItsPointersFirst) {
-    HCRYPTPROV handle = 0x1234;
-    VTableProvStruc table = {};
-    const auto acquire = [](HCRYPTPROV* phProv, VTableProvStruc* pVTable, DWORD flags) {
-        ACQUIRE([=] { return CPAcquireContext(phProv, "name", flags, pVTable); }, ERROR_INVALID_PARAMETER,
-                "!CPAcquireContext: invalid parameter - phProv=" + pointerText(phProv) +
-                    " pVTable=" + pointerText(pVTable));
-    };
-    acquire(nullptr, &table, 0);
-    acquire(&handle, nullptr, CRYPT_DELETEKEYSET);
-    acquire(nullptr, nullptr, CRYPT_VERIFYCONTEXT);
-    EXPECT_EQ(handle, 0x1234U) << "written only on success";
+std::string opened(const std::string& serial) {
+    return "|init(0, null, 2)|initDevice('" + serial + "', 0, null)";
+}
+std::string keysOf(const std::string& serial) {
+    return "|getKeyPairList('" + serial + "', null)";
 }
 
-TEST_F(ContextTest, VerificationContext) {
-    VTableProvStruc table = {};
-    for (const DWORD flags : std::vector<DWORD>{0xF0000000, 0x10000000, 0x20000000, 0x40000048, 0x80000060}) {
-        HCRYPTPROV handle = 0;
-        const bool silent = (flags & 0x40) != 0;
-        ACQUIRE([&] { return CPAcquireContext(&handle, "name", flags, &table); }, 0,
-                "CPAcquireContext - dwFlags : " + std::to_string(flags) + "|CPAcquireContext - isSilent : " +
-                    std::to_string(silent) + "|CPAcquireContext: CRYPT_VERIFYCONTEXT, no token required, return TRUE");
-        const auto* context = recordOf<const CSP_CONTEXT>(handle);
-        ASSERT_TRUE(context != nullptr && context->initialized);
-        EXPECT_TRUE(context->silent == silent && context->keysetType == 4096);
-        EXPECT_EQ(context->serial + context->containerName + context->requestedContainer, "");
-        RELEASE([&] { return CPReleaseContext(handle, 0xABCD); }, BAD_FLAGS,
-                "!CPReleaseContext: invalid dwFlags=0x0000ABCD");
-        RELEASE([&] { return CPReleaseContext(handle, 0); }, 0, "");
+/// The monitor runs throughout, so that every acquire logs the same, and waits inside its poll, so that it forgets no
+/// entry that a test made.
+class ContextTest : public ProviderTest {
+protected:
+    static void SetUpTestSuite() {
+        makeFresh();
+        token().holdPolls(true);
+        startDeviceMonitor();
+        EXPECT_TRUE(token().waitForHeldPoll() && g_pinStatesLock.try_lock()) << "a slow library holds up nobody";
+        g_pinStatesLock.unlock();
     }
-    const std::string invalid = "!CPReleaseContext: invalid or uninitialized context";
-    RELEASE([] { return CPReleaseContext(0, 1); }, BAD_FLAGS, "!CPReleaseContext: invalid dwFlags=0x00000001");
-    RELEASE([] { return CPReleaseContext(0, 0); }, BAD_UID, invalid);
-    RELEASE([] { return CPReleaseContext(handleOf(&UNINITIALISED), 0); }, BAD_UID, invalid);
+    static void TearDownTestSuite() {
+        makeFresh();
+        cachePin();
+        pinStateStore("gone", "1234");
+        EXPECT_EQ(
+            logOf([] { (token().holdPolls(false), stopDeviceMonitor()); }),
+            lines(
+                "Device disconnected: gone|Device monitor thread stopped.|Monitor thread joined (stopDeviceMonitor)."));
+        EXPECT_TRUE(pinStateIsValidated("T1") && !pinStateIsValidated("gone"));
+        EXPECT_EQ(logOf([] { (startDeviceMonitor(), stopDeviceMonitor()); }).size(), 4U) << "it starts again";
+    }
+    /// Acquires on a token; `acquired` is the effective container and the serial of what succeeds.
+    void acquire(const char* name, const std::string& log, const std::string& calls, const std::string& acquired = "") {
+        const std::string start = FLAGS + "8|@ - isSilent : 0|" + RUNNING + log;
+        HCRYPTPROV h = 0;
+        if (acquired.empty()) {
+            CALL(CPAcquireContext(&h, name, 8, &table), NO_TOKEN, start, calls);
+            return;
+        }
+        CALL(CPAcquireContext(&h, name, 8, &table), 0, start + "@: container=" + acquired + " silent=0, return TRUE",
+             calls);
+        const std::unique_ptr<CSP_CONTEXT> made(recordOf<CSP_CONTEXT>(h));
+        EXPECT_EQ(made->containerName + " serial=" + made->serial, acquired);
+        EXPECT_EQ(made->requestedContainer, name != nullptr ? name : "");
+        EXPECT_TRUE(made->initialized && made->keyNames.size() == token().keyPairs[made->serial].size());
+    }
+
+    VTableProvStruc table = {};
+};
+
+TEST_F(ContextTest, WithoutAToken) {
+    HCRYPTPROV h = 0x1234;
+    CALL(CPAcquireContext(nullptr, "", 0, nullptr), ERROR_INVALID_PARAMETER,
+         "!@: invalid parameter - phProv=0 pVTable=0");
+    CALL(CPAcquireContext(&h, "name", 0x80000060, &table), 0,
+         FLAGS + "2147483744|@ - isSilent : 1|@: CRYPT_VERIFYCONTEXT, no token required, return TRUE");
+    EXPECT_TRUE(recordOf<CSP_CONTEXT>(h)->silent && recordOf<CSP_CONTEXT>(h)->keysetType == 4096);
+    CALL(CPReleaseContext(h, 0xABCD), BAD_FLAGS, "!@: invalid dwFlags=0x0000ABCD");
+    CALL(CPReleaseContext(h, 0), 0, "");
+    CALL(CPReleaseContext(OFF, 0), BAD_UID, "!@: invalid or uninitialized context");
+    const CSP_CONTEXT tokenless = contextOn("");
+    const HCRYPTPROV none = handleOf(&tokenless);
+    RimmedBuffer buffer(16);
+    BYTE* const out = buffer.data();
+    const std::string noToken = "@: no token, using software RNG";
+    CALL(CPGenRandom(OFF, 0, out), BAD_UID, "!@: context is null or not initialized");
+    CALL(CPGenRandom(on, 16, nullptr), ERROR_INVALID_PARAMETER, "!@: invalid buffer or length, cbLen=16");
+    EXPECT_FALSE(CPGenRandom(on, 0x80000000, out)) << "more than can be put to the library";
+    token().on("generateRamdomNumber", {{.result = -7}, {.result = -7}, {.output = filled(16)}});
+    CALL(CPGenRandom(none, 16, out), DLL_FAIL, noToken + "|!@: software RNG failed: -7", "generateRamdomNumber");
+    CALL(CPGenRandom(on, 16, out), DLL_FAIL, "!Random number generation failed: -7", "generateRamdomNumber");
+    CALL(CPGenRandom(none, 16, out), 0, noToken, "generateRamdomNumber('', out[16], 1, null)");
+    CALL(CPGenRandom(on, 16, out), 0, "", "generateRamdomNumber('T1', out[16], 0, null)");
+    g_useHardwareRng = 0;
+    CALL(CPGenRandom(on, 16, out), 0, "", "generateRamdomNumber('T1', out[16], 1, null)");
+    EXPECT_EQ(buffer.first(16), filled(16));
 }
 
-TEST_F(ContextTest, GenRandom) {
-    const CSP_CONTEXT none = contextOn("");
-    const CSP_CONTEXT on = contextOn("T1");
-    RimmedBuffer buffer(16);
-    const auto draw = [&](const CSP_CONTEXT* context, DWORD length, bool hasBuffer = true) {
-        return [=, &buffer] { return CPGenRandom(handleOf(context), length, hasBuffer ? buffer.data() : nullptr); };
+TEST_F(ContextTest, Acquire) {
+    const std::string unnamed = "@ - Container name not provided|", noKeys = "Acquire Context :: Key List is empty|";
+    acquire(nullptr, unnamed + noKeys, LISTED + opened("T1") + RELISTED + keysOf("T1"), " serial=T1");
+    token().setDevices({"T8", "T9", "T1"});
+    token().onResult("initDevice", {-9, 0});
+    acquire("", "!Init device failed for T8 : -9|" + NAMED + "|" + noKeys,
+            LISTED + opened("T8") + opened("T9") + RELISTED + keysOf("T8"), " serial=T8");
+    token().on("initDevice", {{.during = [] { token().setDevices({}); }}});
+    acquire(nullptr, unnamed + "!@: no initialized device found, return FALSE", LISTED + opened("T8") + RELISTED);
+    acquire("box", "!@: valid token not connected, return FALSE", LISTED);
+
+    token().setDevices({"T1", "T9"});
+    token().keyPairs = {{"T1", {keyPair(0xAA, 1, 2)}}, {"T9", {keyPair(0xBB, 1, 2)}}};
+    const std::string box = NAMED + "box|" + AA + "|@ - resolved container ", lower(32, 'b');
+    const std::string searched = LISTED + RELISTED + keysOf("T1") + keysOf("T9");
+    acquire(lower.c_str(), NAMED + lower + "|" + BB + "|", searched + keysOf("T9"), lower + " serial=T9");
+    writeContainerKeys("box", {BB, AA});
+    g_containerMap["box"] = {};  // an empty list is none
+    acquire("box", box + "(registry) box -> " + BB + "|", searched + keysOf("T1"), BB + " serial=T1");
+    EXPECT_EQ(g_containerMap["box"], (Lines{BB, AA})) << "what the registry says is remembered";
+    g_containerMap["box"] = {AA, BB};  // and comes first from then on
+    acquire("box", box + "box -> " + AA + "|", searched + keysOf("T1"), AA + " serial=T1");
+}
+
+TEST_F(ContextTest, DeleteKeySet) {
+    const std::string log = "@: CRYPT_DELETEKEYSET ", started = log + "container=box|" + RUNNING;
+    const std::string missing = log + "key " + idText(0x99) + " not found on token, skip|",
+                      done = log + "done, return TRUE";
+    const auto deletes = [&](const char* name, DWORD flags, DWORD failure, const std::string& text,
+                             const std::string& calls = "") {
+        HCRYPTPROV h = 0x1234;
+        CALL(CPAcquireContext(&h, name, flags | 16, &table), failure, FLAGS + std::to_string(flags | 16) + "|" + text,
+             calls);
+        EXPECT_EQ(h, 0U);
+        EXPECT_EQ(g_containerMap.contains("box") || !readContainerKeys("box").empty(), failure != 0);
     };
-    const auto script = [](int result, unsigned char hardwareRng) {
-        g_useHardwareRng = hardwareRng;
-        token().on("generateRamdomNumber", {{.result = result, .output = filled(16)}});
-    };
-    const std::string badBuffer = "!CPGenRandom: invalid buffer or length, cbLen=";
-    const std::string noToken = "CPGenRandom: no token, using software RNG";
-    const std::string tokenless = "generateRamdomNumber('', out[16], 1, null)";
-    GEN_RANDOM(draw(nullptr, 16), BAD_UID, "!CPGenRandom: context is null or not initialized");
-    GEN_RANDOM(draw(&UNINITIALISED, 0, false), BAD_UID, "!CPGenRandom: context is null or not initialized");
-    GEN_RANDOM(draw(&on, 16, false), ERROR_INVALID_PARAMETER, badBuffer + "16");
-    GEN_RANDOM(draw(&none, 0), ERROR_INVALID_PARAMETER, badBuffer + "0");
-    EXPECT_FALSE(draw(&on, 0x80000000)()) << "more than can be put to the library";
-    script(-7, 1);
-    GEN_RANDOM(draw(&none, 16), DLL_FAIL, noToken + "|!CPGenRandom: software RNG failed: -7", tokenless);
-    GEN_RANDOM(draw(&on, 16), DLL_FAIL, "!Random number generation failed: -7", "generateRamdomNumber");
-    script(0, 0);
-    GEN_RANDOM(draw(&none, 16), 0, noToken, tokenless);
-    GEN_RANDOM(draw(&on, 16), 0, "", "generateRamdomNumber('T1', out[16], 1, null)");
-    script(0, 1);
-    GEN_RANDOM(draw(&on, 16), 0, "", "generateRamdomNumber('T1', out[16], 0, null)");
-    EXPECT_EQ(buffer.first(16), filled(16));
+    deletes(nullptr, 0, 0, log + "container=(null)|" + log + "no container name, return TRUE");
+    deletes("box", 0, 0, log + "container=box|" + log + "no mapped keys for container, return TRUE");
+    g_containerMap["box"] = {BB, idText(0x99), AA};
+    token().keyPairs["T1"] = {keyPair(0xAA, 1, 2), keyPair(0xBB, 1, 2)};
+    token().keyPairs["T1"][1].tokenFlag = true;
+    pinStateMarkDeviceInitialised("T1");
+    pinStateStore("T1", "");  // a sign-on does not count
+    deletes("box", 64, SILENT, started + "!" + log + "CRYPT_SILENT set, cannot prompt for PIN", LISTED);
+    cachePin();
+    token().onResult("deleteKeyPair", {77, 0});  // a deletion that fails does not stop the others
+    deletes("box", 64, 0,
+            started + log + "deleting key " + BB + "|!" + log + "deleteKeyPair failed for " + BB + " ret=77|" +
+                missing + log + "deleting key " + AA + "|" + done,
+            LISTED + keysOf("T1") + "|deleteKeyPair('T1', " + BB + ", '1234', 1, null)|deleteKeyPair('T1', " + AA +
+                ", '1234', 0, null)");
+    writeContainerKeys("box", {idText(0x99)});
+    token().setDevices({});
+    deletes("box", 0, NO_TOKEN, started + "!" + log + "no token connected", LISTED);
+    pinStateStore("T7", "1234");
+    token().setDevices({"T7", "T1"});
+    token().onResult("initDevice", {5});
+    deletes("box", 0, 0, started + missing + done, LISTED + opened("T7") + keysOf("T7"));
+    EXPECT_TRUE(pinStateIsDeviceInitialised("T7")) << "whatever the opening came to";
 }
 
 }  // namespace

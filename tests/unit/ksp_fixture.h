@@ -28,7 +28,6 @@ const std::string AA = idText(0xAA);
 const std::string KSP_CACHED = "KSP: PIN already validated";
 const std::string KSP_ASKS = "KSP: Password not validated, checking SSO|" + ONE_DIALOG;
 const std::string KSP_CANCELLED = "|KSP: User cancelled password dialog";
-const std::string INFO = "getTokenInfo('T1', null)";
 const std::string ASKED_AGAIN = "|" + INFO + "|validatePassword('T1', '5678', 1, 0, null)|";
 
 /// The SubjectPublicKeyInfo of a modulus of 64 bytes without its top bit, and the exponent 65537.

@@ -1,6 +1,5 @@
 #include "tests/unit/provider_test.h"
 
-#include <algorithm>
 #include <filesystem>
 
 #include "core/container_map.h"
@@ -10,8 +9,6 @@
 
 namespace test {
 namespace {
-
-constexpr unsigned char RIM_BYTE = 0xA5;
 
 /// Turns this process's view of the two registry roots that the provider uses to a private key, and its temporary
 /// folder to a private one.
@@ -61,6 +58,15 @@ void expect(const std::function<bool()>& call, DWORD failure, const std::string&
     expectCall(call, {failure, log, calls}, [] { return token().takeCalls(); });
 }
 
+void Entry::operator()(const std::function<bool()>& call, DWORD failure, const std::string& log,
+                       const std::string& calls) const {
+    std::string text = name + (log.empty() ? "" : "|" + log);
+    for (std::size_t at = 0; (at = text.find('@', at)) != std::string::npos;) {
+        text.replace(at, 1, name);
+    }
+    expect(call, failure, text, calls);
+}
+
 CSP_CONTEXT contextOn(const std::string& serial, const std::string& containerName) {
     CSP_CONTEXT context;
     context.serial = serial;
@@ -71,15 +77,6 @@ CSP_CONTEXT contextOn(const std::string& serial, const std::string& containerNam
 
 void cachePin() {
     pinStateStore("T1", "1234");
-}
-
-RimmedBuffer::RimmedBuffer(std::size_t size) : storage(size + 2 * RIM, RIM_BYTE) {
-}
-
-RimmedBuffer::~RimmedBuffer() {
-    const auto isRim = [](unsigned char byte) { return byte == RIM_BYTE; };
-    EXPECT_TRUE(std::all_of(storage.begin(), storage.begin() + RIM, isRim)) << "written in front of the buffer";
-    EXPECT_TRUE(std::all_of(storage.end() - RIM, storage.end(), isRim)) << "written behind the buffer";
 }
 
 }  // namespace test

@@ -15,50 +15,45 @@
 
 namespace test {
 
-/// Every test starts as in a new process: an empty PIN cache, container map and registry, a scripted token without a
-/// script, log level 3. The registry is a private one below HKEY_CURRENT_USER, for this process alone.
-class ProviderTest : public ::testing::Test {
-public:
-    static void makeFresh();
-
-protected:
-    void SetUp() override { makeFresh(); }
-    void TearDown() override { EXPECT_EQ(unfreedBlocks(), 0); }
-};
-
 /// expectCall with the scripted library's calls, each row of a table being one call of this.
 void expect(const std::function<bool()>& call, DWORD failure, const std::string& log, const std::string& calls = "");
 
-/// The same for an entry point: `log` is what follows the line with the entry's own name.
+/// The same for an entry point, given by its name or a call of it: `log` is what follows the line with that name, which
+/// "@" stands for in it.
 class Entry {
 public:
-    explicit Entry(std::string entryName) : name(std::move(entryName)) {}
+    explicit Entry(const std::string& call) : name(call.substr(0, call.find('('))) {}
     void operator()(const std::function<bool()>& call, DWORD failure, const std::string& log,
-                    const std::string& calls = "") const {
-        expect(call, failure, name + (log.empty() ? "" : "|" + log), calls);
-    }
+                    const std::string& calls = "") const;
 
 private:
     std::string name;
 };
+#define CALL(call, ...) Entry(#call)([&] { return (call) != 0; }, __VA_ARGS__)
 
 // The platform's codes as a last error.
-constexpr auto BAD_UID = static_cast<DWORD>(NTE_BAD_UID);
-constexpr auto BAD_HASH = static_cast<DWORD>(NTE_BAD_HASH);
-constexpr auto BAD_HASH_STATE = static_cast<DWORD>(NTE_BAD_HASH_STATE);
-constexpr auto BAD_KEY = static_cast<DWORD>(NTE_BAD_KEY);
-constexpr auto BAD_LEN = static_cast<DWORD>(NTE_BAD_LEN);
-constexpr auto BAD_SIGNATURE = static_cast<DWORD>(NTE_BAD_SIGNATURE);
-constexpr auto BAD_ALGID = static_cast<DWORD>(NTE_BAD_ALGID);
-constexpr auto BAD_FLAGS = static_cast<DWORD>(NTE_BAD_FLAGS);
-constexpr auto BAD_TYPE = static_cast<DWORD>(NTE_BAD_TYPE);
-constexpr auto NO_KEY = static_cast<DWORD>(NTE_NO_KEY);
-constexpr auto DLL_FAIL = static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL);
-constexpr auto FAILED = static_cast<DWORD>(NTE_FAIL);
-constexpr auto SILENT = static_cast<DWORD>(NTE_SILENT_CONTEXT);
-constexpr auto NO_TOKEN = static_cast<DWORD>(NTE_TOKEN_KEYSET_STORAGE_FULL);
+constexpr DWORD lastError(long code) {
+    return static_cast<DWORD>(code);
+}
+constexpr DWORD BAD_UID = lastError(NTE_BAD_UID), BAD_HASH = lastError(NTE_BAD_HASH), BAD_KEY = lastError(NTE_BAD_KEY);
+constexpr DWORD BAD_HASH_STATE = lastError(NTE_BAD_HASH_STATE), BAD_SIGNATURE = lastError(NTE_BAD_SIGNATURE);
+constexpr DWORD BAD_LEN = lastError(NTE_BAD_LEN), BAD_ALGID = lastError(NTE_BAD_ALGID),
+                BAD_TYPE = lastError(NTE_BAD_TYPE);
+constexpr DWORD BAD_FLAGS = lastError(NTE_BAD_FLAGS), NO_KEY = lastError(NTE_NO_KEY), FAILED = lastError(NTE_FAIL);
+constexpr DWORD DLL_FAIL = lastError(NTE_PROVIDER_DLL_FAIL), SILENT = lastError(NTE_SILENT_CONTEXT);
+constexpr DWORD NO_TOKEN = lastError(NTE_TOKEN_KEYSET_STORAGE_FULL);
+
+template <typename Record>
+ULONG_PTR handleOf(Record* record) {
+    return reinterpret_cast<ULONG_PTR>(record);
+}
+template <typename Record>
+Record* recordOf(ULONG_PTR handle) {
+    return reinterpret_cast<Record*>(handle);
+}
 
 const CSP_CONTEXT UNINITIALISED;
+const HCRYPTPROV OFF = handleOf(&UNINITIALISED);
 
 /// A context as an acquire leaves it.
 CSP_CONTEXT contextOn(const std::string& serial, const std::string& containerName = "");
@@ -74,30 +69,40 @@ const std::string LOGGED_IN =
 const std::string CANCELLED =
     "|!loginUser: user cancelled password dialog, return FALSE|"
     "!ensurePasswordValidated: password validation failed, return false";
+const std::string TOO_SHORT = "not allowed \xE2\x80\x94 key size below 112-bit security strength";
 const std::string REFUSED_SILENTLY = "!ensurePasswordValidated: CRYPT_SILENT set, cannot prompt for PIN, return false";
-void cachePin();  ///< "1234", for "T1"
+const std::string INFO = "getTokenInfo('T1', null)";  ///< the library's call
+void cachePin();                                      ///< "1234", for "T1"
 
-template <typename Record>
-ULONG_PTR handleOf(Record* record) {
-    return reinterpret_cast<ULONG_PTR>(record);
-}
-template <typename Record>
-Record* recordOf(ULONG_PTR handle) {
-    return reinterpret_cast<Record*>(handle);
-}
+/// Every test starts as in a new process: an empty PIN cache, container map and registry, a scripted token without a
+/// script, log level 3. The registry is a private one below HKEY_CURRENT_USER, for this process alone.
+class ProviderTest : public ::testing::Test {
+public:
+    static void makeFresh();
+
+protected:
+    void SetUp() override { makeFresh(); }
+    void TearDown() override { EXPECT_EQ(unfreedBlocks(), 0); }
+
+    CSP_CONTEXT context = contextOn("T1");
+    const HCRYPTPROV on = handleOf(&context);
+};
 
 /// A buffer between two rims that must stay as they are.
 class RimmedBuffer {
 public:
-    explicit RimmedBuffer(std::size_t size);
-    ~RimmedBuffer();
+    explicit RimmedBuffer(std::size_t size) : storage(RIM.size() + size + RIM.size(), RIM[0]) {}
+    ~RimmedBuffer() {
+        EXPECT_EQ(Bytes(storage.begin(), storage.begin() + 64), RIM) << "written in front of the buffer";
+        EXPECT_EQ(Bytes(storage.end() - 64, storage.end()), RIM) << "written behind the buffer";
+    }
     RimmedBuffer(const RimmedBuffer&) = delete;
     RimmedBuffer& operator=(const RimmedBuffer&) = delete;
-    BYTE* data() { return storage.data() + RIM; }
+    BYTE* data() { return storage.data() + RIM.size(); }
     Bytes first(std::size_t count) { return {data(), data() + count}; }
 
 private:
-    static constexpr std::size_t RIM = 64;
+    const Bytes RIM = Bytes(64, 0xA5);
     Bytes storage;
 };
 

@@ -1,0 +1,134 @@
+// The parts that both fronts stand on, each in a few strokes.
+#include <ctime>
+#include <filesystem>
+#include <regex>
+
+#include "cert/key_encoding.h"
+#include "core/container_map.h"
+#include "core/firmware_policy.h"
+#include "core/log.h"
+#include "tests/unit/provider_test.h"
+
+namespace test {
+namespace {
+
+using CoreTest = ProviderTest;
+
+TEST_F(CoreTest, ContainerResolution) {
+    token().keyPairs["T1"] = {keyPair(0xAA, 1, 2), keyPair(0xA2, 1, 2, "shared")};
+    token().keyPairs["T2"] = {keyPair(0xBB, 1, 2, "second key"), keyPair(0xB2, 1, 2, "shared")};
+    const auto resolves = [](const char* devices, const std::string& name, const std::string& byContainer,
+                             const std::string& byKey, std::size_t calls) {
+        token().setDevices(lines(devices));
+        EXPECT_EQ(resolveContainerDevice(name), byContainer) << name;
+        token().takeCalls();
+        EXPECT_EQ(resolveKeyDevice(std::basic_string<WCHAR>(name.begin(), name.end())), byKey) << name;
+        EXPECT_EQ(token().takeCalls().size(), calls) << name;
+    };
+    resolves("", std::string(32, 'B'), "", "", 1);
+    resolves("T2|T1", "", "T2", "T2", 1);
+    resolves("T1|T2", std::string(32, 'b'), "T2", "T2", 3);
+    resolves("T1|T2", std::string(31, 'B'), "T1", "T1", 3);
+    resolves("T1|T2", "SECOND KEY", "T1", "T2", 3);
+    resolves("T2|T1", "Shared", "T2", "T2", 2);
+}
+
+TEST_F(CoreTest, ClassesVersionsAndAlgorithms) {
+    const std::tuple<const char*, const char*, int> orders[] = {
+        {"2.0", "2.0.0", 0}, {"", "2.0.0", -1},    {"2.0.0.1", "2", 1}, {"10.0", "9.9", 1},
+        {"2.x", "2.0", 0},   {"2..1", "2.0.1", 0}, {"0", "-1", 1},      {"99999999999", "2", 1}};
+    for (const auto& [left, right, order] : orders) {
+        EXPECT_EQ(compareVersions(left, right), order) << left << " and " << right;
+        EXPECT_EQ(compareVersions(right, left), -order) << right << " and " << left;
+    }
+    token().infos["T1"] = tokenInfo("A1B1");  // the third character tells
+    const auto strict = selectAlgorithmTable(contextOn("T1"));
+    token().infos["T1"] = tokenInfo("AB1C");
+    const auto table = selectAlgorithmTable(contextOn("T1"));
+    EXPECT_EQ(token().takeCalls(), Lines(2, INFO)) << "asked anew each time";
+    EXPECT_TRUE(strict.size() == 9 && strict[1].minBits == 2048 && strict[5].algorithmId == CALG_SHA_256);
+    EXPECT_TRUE(table.size() == 10 && table[1].minBits == 1024 && table[5].algorithmId == CALG_SHA1);
+    EXPECT_EQ(selectAlgorithmTable(contextOn("")).data(), strict.data());
+}
+
+TEST_F(CoreTest, FirmwareRules) {
+    const CSP_CONTEXT none = contextOn("");
+    const auto pkcs1 = [](const char* serial) { return [=] { return rulePkcs1Decrypt("KSP", serial, nullptr); }; };
+    const auto ecdh = [](const char* version) { return [=] { return ruleEcdhFirmware("KSP", "ECDH", version); }; };
+    // The token's model, the rule, the log, with an error when it refuses, the library's calls, the event signalled.
+    const std::tuple<const char*, std::function<bool()>, std::string, std::string, std::string> rows[] = {
+        {"AB1", [&] { return ruleSha1Hash(context); }, "CPCreateHash: SHA-1 (FIPS 140-2 token)", INFO, ""},
+        {"AB1", [&] { return ruleSha1Hash(none); }, "!CPCreateHash: SHA-1 blocked (FIPS 140-3 policy)", "", "Sha1"},
+        {"AB1", ruleMd5Hash, "!CPCreateHash: MD5 blocked (FIPS policy)", "", "Md5"},
+        {"AB1", pkcs1("T1"), "", INFO, ""},
+        {"", pkcs1(""), "", "", ""},
+        {"", pkcs1("T1"), "!KSP: PKCS#1 v1.5 padding not allowed on FIPS 140-3 token (OAEP required)", INFO,
+         "Pkcs1Decrypt"},
+        {"", [] { return rulePssFirmware("KSP", "1.9"); }, "!KSP: PSS not supported on firmware 1.9", "", ""},
+        {"", ecdh(""), "!KSP: ECDH not supported on firmware ", "", ""},
+        {"", ecdh("2.0"), "", "", ""},
+    };
+    for (const auto& [modelVersion, rule, log, calls, event] : rows) {
+        token().infos["T1"] = tokenInfo(modelVersion);
+        expect(rule, log.starts_with("!") ? ANY_CODE : 0, log, calls);  // with nobody watching
+        for (const std::string name : {"Sha1", "Md5", "Pkcs1Decrypt"}) {
+            const HANDLE watched = CreateEventA(nullptr, 0, 0, ("Global\\ZentokDSC_Fips" + name + "Blocked").c_str());
+            rule();
+            EXPECT_EQ(WaitForSingleObject(watched, 0) == WAIT_OBJECT_0, name == event) << log;
+            CloseHandle(watched);
+        }
+    }
+}
+
+TEST_F(CoreTest, LogLevels) {
+    const std::tuple<DWORD, Bytes, std::int32_t> rows[] = {
+        {REG_DWORD, {1, 0, 0, 0}, 1}, {REG_DWORD, {2, 0, 0, 0}, 2}, {REG_DWORD, {255, 255, 255, 255}, -1},
+        {REG_DWORD, {4, 0, 0, 0}, 2}, {REG_BINARY, {3}, 3},         {REG_BINARY, Bytes(33, 3), 2}};
+    for (const auto& [type, value, level] : rows) {
+        RegSetKeyValueA(HKEY_LOCAL_MACHINE, "Software\\Halvane\\Zentok", "logLevel", type, value.data(),
+                        static_cast<DWORD>(value.size()));
+        EXPECT_EQ(readLogLevel(), level) << hex(value);
+        const Lines log = logOf([] { (logInfo("information"), logError("failure")); });
+        EXPECT_EQ(log, lines(level == 3 ? "information|!failure" : level == 2 ? "!failure" : "")) << hex(value);
+    }
+    RegDeleteTreeA(HKEY_LOCAL_MACHINE, "Software\\Halvane");
+    EXPECT_EQ(readLogLevel(), 2) << "missing key";
+}
+
+TEST_F(CoreTest, LogLinesAndTheFirstOneLost) {
+    const std::string temp = usePrivateTempFolder("zentok-unit-test-fresh");
+    const std::time_t now = std::time(nullptr);
+    char file[64] = {}, form[64] = {};
+    std::strftime(file, sizeof file, "/Halvane/unit_test/%Y-%m-%d.LOG", std::localtime(&now));
+    std::strftime(form, sizeof form, "%d/%m::%H:..:..:\\d{3}-> ->DEBUG ::=>second\n", std::localtime(&now));
+    ::testing::internal::CaptureStdout();
+    logInfo("first");
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "\nUnable to write log");
+    logInfo("second");
+    EXPECT_TRUE(std::filesystem::exists(temp + file)) << file;
+    EXPECT_TRUE(std::regex_match(logFileText(), std::regex(form))) << logFileText();
+    std::filesystem::remove_all(temp);
+    char folder[LOG_PATH_SIZE] = {'x', 'x'};
+    EXPECT_TRUE(getLogBaseFolderPath(folder) == -1 && folder[0] == '\0') << "gone";
+    usePrivateTempFolder("zentok-unit-test");
+}
+
+TEST_F(CoreTest, TextAndNumbers) {
+    EXPECT_EQ(hex(hexToBytes("0x")) + hex(hexToBytes("0XF")) + hex(hexToBytes("1G")) + hex(hexToBytes("abc")),
+              "0F100ABC");
+    EXPECT_EQ(bytesToHex(hexToBytes("009AFF").data(), 3), "009AFF");
+    EXPECT_EQ(hex(intToBigEndianBytes(-1, 3)) + hex(intToBigEndianBytes(0x1020304, 2)), "0000000304");
+    const std::basic_string<WCHAR> names[] = {keySizeToCngEccAlgorithm(4, 1), keySizeToCngEccAlgorithm(5, 2),
+                                              keySizeToCngEccAlgorithm(7, 3)};
+    EXPECT_TRUE(names[0] == TEXT("RSA") && names[1] == TEXT("ECDH_P256") && names[2] == TEXT("ECDSA_P521"));
+    EXPECT_TRUE(keySizeToBits(0) == 0 && keySizeToBits(1) == 1024 && keySizeToBits(7) == 521 && keySizeToBits(8) == 0);
+    const std::string modulus = hex(filled(256, 0x80)),
+                      head = "30820122300D06092A864886F70D01010105000382010F003082010A02";
+    EXPECT_EQ(hex(rsaPublicKeyHexToSpki(modulus, "10001")), head + "82010100" + modulus + "0203010001");
+    EXPECT_EQ(hex(rsaPublicKeyBytesToSpki(Bytes{0x7F}, Bytes{0, 3})),
+              "301B300D06092A864886F70D0101010500030A00300702017F02020003");
+    EXPECT_TRUE(isDerPublicKey({}) && isDerPublicKey(Bytes{0x30}) && !isDerPublicKey(Bytes{0x2F, 0x30}));
+}
+
+}  // namespace
+}  // namespace test
