@@ -2,7 +2,9 @@
 // used to sign a message that openssl verifies.
 #include <algorithm>
 
+#include "tests/platform/authority.h"
 #include "tests/platform/platform_test.h"
+#include "tests/support/der.h"
 
 namespace test {
 namespace {
@@ -18,17 +20,6 @@ const CRYPT_ALGORITHM_IDENTIFIER SHA256 = {g_sha256, {}};
 
 DATA_BLOB blobOf(const Bytes& bytes) {
     return {static_cast<DWORD>(bytes.size()), const_cast<BYTE*>(bytes.data())};
-}
-
-/// Calls a function of the platform for the size of its answer and for the answer; both have to succeed.
-template <typename Call>
-Bytes answerOf(Call call) {
-    DWORD size = 0;
-    EXPECT_EQ(outcome(call(nullptr, &size)), OK);
-    Bytes answer(size);
-    EXPECT_EQ(outcome(call(answer.data(), &size)), OK);
-    answer.resize(size);
-    return answer;
 }
 
 Bytes encode(const char* type, const void* value) {
@@ -60,54 +51,6 @@ Bytes makeRequest(const Context& context) {
     });
 }
 
-void openssl(const std::vector<std::string>& arguments) {
-    const CommandResult result = runOpenssl(arguments);
-    ASSERT_EQ(result.exitCode, 0) << result.output;
-}
-
-/// A root and an intermediate of openssl's making, in a folder that the provider takes issuers from.
-class Authority {
-public:
-    Authority() {
-        const std::string folder = files.path() + "\\ZentokDSC\\Certificates";
-        CreateDirectoryA((files.path() + "\\ZentokDSC").c_str(), nullptr);
-        CreateDirectoryA(folder.c_str(), nullptr);
-        SetEnvironmentVariableA("ZENTOK_HOME", files.path().c_str());
-        make({"-keyout", native("root.key"), "-out", root(), "-subj", "/CN=Test Root"});
-        make({"-keyout", native("issuer.key"), "-out", ca("issuer.pem"), "-subj", "/CN=Test Issuer", "-CA", root(),
-              "-CAkey", native("root.key")});
-    }
-    ~Authority() { SetEnvironmentVariableA("ZENTOK_HOME", nullptr); }
-    Authority(const Authority&) = delete;
-    Authority& operator=(const Authority&) = delete;
-
-    [[nodiscard]] Bytes issue(const Bytes& request) const {
-        openssl({"x509", "-req", "-inform", "DER", "-in", files.write("request", request), "-CA", ca("issuer.pem"),
-                 "-CAkey", native("issuer.key"), "-CAcreateserial", "-outform", "DER", "-out", native("leaf")});
-        return files.read("leaf");
-    }
-    [[nodiscard]] std::string root() const { return ca("root.pem"); }
-    [[nodiscard]] std::string native(const std::string& name) const { return files.nativeFile(name); }
-
-    const ScratchFolder files;
-
-private:
-    [[nodiscard]] std::string ca(const std::string& name) const { return native("ZentokDSC\\Certificates\\" + name); }
-    static void make(std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), {"req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2"});
-        openssl(arguments);
-    }
-};
-
-Bytes der(unsigned char tag, const Bytes& content) {
-    Bytes result = {tag, 0x83};
-    for (const int shift : {16, 8, 0}) {
-        result.push_back(static_cast<unsigned char>(content.size() >> shift));
-    }
-    result.insert(result.end(), content.begin(), content.end());
-    return result;
-}
-
 /// Where the content of the DER element at `offset` begins.
 std::size_t contentOf(const Bytes& bytes, std::size_t offset) {
     return offset + (bytes.at(offset + 1) < 0x80 ? 2 : 2U + (bytes.at(offset + 1) & 0x7FU));
@@ -126,11 +69,9 @@ Bytes withEmptySets(const Bytes& message) {
     signedData.insert(signedData.end(), {0x31, 0x00});
     signedData.insert(signedData.end(), afterVersion, message.end());
     signedData.insert(signedData.end(), {0x31, 0x00});
-    const Bytes explicitData = der(0xA0, der(0x30, signedData));
-    Bytes content(message.begin() + static_cast<std::ptrdiff_t>(oid),
-                  message.begin() + static_cast<std::ptrdiff_t>(tagged));
-    content.insert(content.end(), explicitData.begin(), explicitData.end());
-    return der(0x30, content);
+    const Bytes type(message.begin() + static_cast<std::ptrdiff_t>(oid),
+                     message.begin() + static_cast<std::ptrdiff_t>(tagged));
+    return der(0x30, {type, der(0xA0, {der(0x30, {signedData})})});
 }
 
 /// The document as SignedData, which carries the certificates of `chain`.
@@ -208,8 +149,7 @@ TEST_F(CertificateTest, FromTheRequestToTheSignedMessage) {
 
     const Bytes message = signMessage(context, stored, chain);
     openssl({"cms", "-verify", "-binary", "-inform", "DER", "-in", authority.files.write("message", message), "-CAfile",
-             authority.root(), "-certfile", authority.native("ZentokDSC\\Certificates\\issuer.pem"), "-out",
-             authority.native("content")});
+             authority.root(), "-certfile", authority.issuer(), "-out", authority.native("content")});
     EXPECT_EQ(authority.files.read("content"), document());
 }
 

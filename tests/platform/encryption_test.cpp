@@ -13,15 +13,6 @@ void logIn(const Context& context) {
     ASSERT_EQ(outcome(CryptSetProvParam(context.get(), PP_KEYEXCHANGE_PIN, reinterpret_cast<const BYTE*>(PIN), 0)), OK);
 }
 
-/// What an openssl command that takes and gives a file makes of `input`.
-Bytes throughOpenssl(std::vector<std::string> arguments, const Bytes& input) {
-    const ScratchFolder files;
-    arguments.insert(arguments.end(), {"-in", files.write("in", input), "-out", files.nativeFile("out")});
-    const CommandResult result = runOpenssl(arguments);
-    EXPECT_EQ(result.exitCode, 0) << result.output;
-    return files.read("out");
-}
-
 Bytes reversed(const Bytes& bytes) {
     return {bytes.rbegin(), bytes.rend()};
 }
@@ -101,15 +92,6 @@ TEST_F(EncryptionTest, ForeignSignaturesVerifyWithoutAToken) {
         signature[7] ^= 1;
         EXPECT_EQ(verify(hashOf(context, document()), signature, key), code(NTE_BAD_SIGNATURE));
     }
-}
-
-std::string hexOf(const Bytes& bytes) {
-    std::string text;
-    for (const unsigned char byte : bytes) {
-        constexpr char DIGITS[] = "0123456789ABCDEF";
-        text += {DIGITS[byte >> 4], DIGITS[byte & 15]};
-    }
-    return text;
 }
 
 /// The ciphertext equals openssl's, and decrypts.

@@ -6,8 +6,6 @@
 
 #include <process.h>
 
-#include "cert/key_encoding.h"
-
 namespace test {
 namespace {
 
@@ -34,6 +32,10 @@ int g_tokenCount = 1000;
 
 Code outcome(BOOL result) {
     return result != FALSE ? OK : static_cast<Code>(GetLastError());
+}
+
+Code outcome(SECURITY_STATUS status) {
+    return code(status);
 }
 
 void PrintTo(Code value, std::ostream* stream) {
@@ -111,6 +113,27 @@ const Bytes& document() {
     return text;
 }
 
+void openssl(const std::vector<std::string>& arguments) {
+    const CommandResult result = runOpenssl(arguments);
+    ASSERT_EQ(result.exitCode, 0) << result.output;
+}
+
+Bytes throughOpenssl(std::vector<std::string> arguments, const Bytes& input) {
+    const ScratchFolder files;
+    arguments.insert(arguments.end(), {"-in", files.write("in", input), "-out", files.nativeFile("out")});
+    openssl(arguments);
+    return files.read("out");
+}
+
+std::string hexOf(const Bytes& bytes) {
+    std::string text;
+    for (const unsigned char byte : bytes) {
+        constexpr char DIGITS[] = "0123456789ABCDEF";
+        text += {DIGITS[byte >> 4], DIGITS[byte & 15]};
+    }
+    return text;
+}
+
 // The provider lists tokens in the order of these serials; their PIN costs little to try.
 Token::Token(FipsClass fipsClass, int retryLimit) : serial("TOKEN-" + std::to_string(++g_tokenCount)) {
     softtoken::TokenOptions options;
@@ -130,11 +153,15 @@ Token::~Token() {
 
 std::string Token::addKey(KeyType type) const {
     const ZentokKeyPair pair = softtoken::generateKeyPair(serial, PIN, type, KEY_USAGE_BOTH, "");
-    return bytesToHex(pair.credentialId, sizeof pair.credentialId);
+    return hexOf({std::begin(pair.credentialId), std::end(pair.credentialId)});
 }
 
 std::string Token::publicKey(const std::string& key) const {
-    return nativePath(softtoken::publicKeyFile(serial, hexToBytes(key).data()));
+    Bytes id;
+    for (std::size_t i = 0; i < key.size(); i += 2) {
+        id.push_back(static_cast<unsigned char>(std::stoi(key.substr(i, 2), nullptr, 16)));
+    }
+    return nativePath(softtoken::publicKeyFile(serial, id.data()));
 }
 
 std::size_t Token::keyCount() const {

@@ -24,7 +24,7 @@ using softtoken::FipsClass;
 constexpr char PIN[] = "271828";
 constexpr char WRONG_PIN[] = "314159";
 
-/// A platform call's failure as GetLastError tells it, shown in hexadecimal; OK is success.
+/// A platform call's failure as GetLastError or its status tells it, shown in hexadecimal; OK is success.
 enum class Code : DWORD {};
 constexpr Code OK{};
 constexpr Code NO_TOKEN{static_cast<DWORD>(NTE_TOKEN_KEYSET_STORAGE_FULL)};
@@ -32,6 +32,7 @@ constexpr Code code(long value) {
     return static_cast<Code>(value);
 }
 Code outcome(BOOL result);
+Code outcome(SECURITY_STATUS status);
 void PrintTo(Code value, std::ostream* stream);
 
 struct Closing {
@@ -40,7 +41,7 @@ struct Closing {
     static BOOL hash(ULONG_PTR handle) { return CryptDestroyHash(handle); }
 };
 
-/// Owns one CryptoAPI handle; `close` gives it back. Keys and hashes end before their context.
+/// Owns one handle of the platform's; `close` gives it back. Keys and hashes end before their context.
 template <BOOL (*close)(ULONG_PTR)>
 class Owned {
 public:
@@ -76,6 +77,24 @@ Key generateKey(const Context& context);  ///< RSA-2048
 Hash hashOf(const Context& context, const Bytes& data, ALG_ID algorithm = CALG_SHA_256);
 
 const Bytes& document();
+
+/// Calls a function of the platform for the size of its answer and for the answer; both have to succeed.
+template <typename Call>
+Bytes answerOf(Call call) {
+    DWORD size = 0;
+    EXPECT_EQ(outcome(call(nullptr, &size)), OK);
+    Bytes answer(size);
+    EXPECT_EQ(outcome(call(answer.data(), &size)), OK);
+    answer.resize(size);
+    return answer;
+}
+
+/// Runs openssl, which has to succeed.
+void openssl(const std::vector<std::string>& arguments);
+/// What an openssl command that takes and gives a file makes of `input`.
+Bytes throughOpenssl(std::vector<std::string> arguments, const Bytes& input);
+/// As openssl takes bytes in its arguments.
+std::string hexOf(const Bytes& bytes);
 
 /// One connected token. Its end takes it away for good.
 class Token {

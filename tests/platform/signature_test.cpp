@@ -1,8 +1,6 @@
 // Documents signed through the platform, with the native openssl as the judge.
-#include <algorithm>
-
-#include "cert/key_encoding.h"
 #include "tests/platform/platform_test.h"
+#include "tests/support/der.h"
 
 namespace test {
 namespace {
@@ -11,19 +9,6 @@ using SignatureTest = PlatformTest;
 
 constexpr std::pair<const char*, ALG_ID> HASHES[] = {
     {"-sha256", CALG_SHA_256}, {"-sha384", CALG_SHA_384}, {"-sha512", CALG_SHA_512}, {"-sha1", CALG_SHA1}};
-
-/// r and s side by side as the ECDSA-Sig-Value of RFC 3279.
-Bytes derOfEcSignature(const Bytes& raw) {
-    Bytes numbers;
-    const auto half = raw.begin() + static_cast<std::ptrdiff_t>(raw.size() / 2);
-    for (const auto& [begin, end] : {std::pair(raw.begin(), half), std::pair(half, raw.end())}) {
-        Bytes number(std::find_if(begin, end, [](unsigned char byte) { return byte != 0; }), end);
-        number.insert(number.begin(), number.front() > 0x7F ? 1 : 0, 0);
-        number = derEncodeTlv(0x02, number);
-        numbers.insert(numbers.end(), number.begin(), number.end());
-    }
-    return derEncodeTlv(0x30, numbers);
-}
 
 TEST_F(SignatureTest, OpensslAcceptsEveryKeyAndHash) {
     const struct {
