@@ -35,6 +35,11 @@ source_files() {
     (cd "$root" && find core capi cng cert registration softtoken tools tests -type f \( "${find[@]:1}" \) | sort)
 }
 
+# The names that the provider exports, one a line.
+provider_exports() {
+    sed -n 's/^ *\([A-Za-z]\{1,\}\)\( .*\)\{0,1\}$/\1/p' "$root/capi/ZentokCSP.def" | grep -Ev '^(LIBRARY|EXPORTS)$'
+}
+
 # --- Packages ---------------------------------------------------------------------------------------------------------
 
 # Installs those of the named packages that are not there yet; touches the network only then.
