@@ -159,13 +159,10 @@ BOOL encryptAes(const CSP_CONTEXT& context, const KEY_HANDLE& key, bool final, B
 int decryptOnToken(const CSP_CONTEXT& context, const KEY_HANDLE& key, std::span<const unsigned char> cipherText,
                    LibraryBuffer& plainText) {
     const std::string password = pinStateGetPassword(context.serial);
-    LibraryBuffer answer;
-    const int result = zentok_decrypt(context.serial.c_str(), key.credentialId, password.c_str(), cipherText.data(),
-                                      static_cast<int>(cipherText.size()), &answer.data, &answer.length, key.tokenFlag,
-                                      context.tokenContext);
-    std::swap(plainText.data, answer.data);
-    std::swap(plainText.length, answer.length);
-    return result;
+    plainText.reset();
+    return zentok_decrypt(context.serial.c_str(), key.credentialId, password.c_str(), cipherText.data(),
+                          static_cast<int>(cipherText.size()), &plainText.data, &plainText.length, key.tokenFlag,
+                          context.tokenContext);
 }
 
 /// Hands the plaintext to the caller, whose buffer is taken to hold it because it held the ciphertext.

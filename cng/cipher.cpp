@@ -7,7 +7,6 @@
 #include <climits>
 #include <memory>
 #include <new>
-#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -217,12 +216,12 @@ SECURITY_STATUS decryptRsa(const KSP_PROVIDER& provider, const KSP_KEY& key, std
     if (!kspEnsurePasswordValidated(provider.deviceName, provider.tokenContext)) {
         return failStatus(NTE_FAIL, "KSPDecrypt: password validation failed");
     }
-    std::optional<LibraryBuffer> plain;
+    LibraryBuffer plain;
     const auto decryptOnToken = [&] {
-        LibraryBuffer& result = plain.emplace();
+        plain.reset();
         const std::string password = pinStateGetPassword(provider.deviceName);
         return zentok_decrypt(provider.deviceName.c_str(), key.credentialId, password.c_str(), input.data(),
-                              static_cast<int>(input.size()), &result.data, &result.length, key.tokenFlag,
+                              static_cast<int>(input.size()), &plain.data, &plain.length, key.tokenFlag,
                               provider.tokenContext);
     };
     int status = decryptOnToken();
@@ -237,10 +236,10 @@ SECURITY_STATUS decryptRsa(const KSP_PROVIDER& provider, const KSP_KEY& key, std
     if (status != TOKEN_OK) {
         return failStatus(NTE_INTERNAL_ERROR, "KSP: Decrypt failed: " + std::to_string(status));
     }
-    if (!plain->isSound()) {
-        return failSoundness("KSPDecrypt", plain->length);
+    if (!plain.isSound()) {
+        return failSoundness("KSPDecrypt", plain.length);
     }
-    const std::span<const unsigned char> bytes = plain->bytes();
+    const std::span<const unsigned char> bytes = plain.bytes();
     if (out.cbOutput < bytes.size()) {
         return failOutputSize(out, bytes.size(), "KSPDecrypt: output buffer too small, required=");
     }

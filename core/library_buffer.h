@@ -16,6 +16,13 @@ struct LibraryBuffer {
     LibraryBuffer(const LibraryBuffer&) = delete;
     LibraryBuffer& operator=(const LibraryBuffer&) = delete;
 
+    /// Empty again, for another call.
+    void reset() {
+        std::free(data);
+        data = nullptr;
+        length = 0;
+    }
+
     /// False when the library's answer cannot be read: a length without bytes, or a negative one.
     bool isSound() const { return length == 0 || (length > 0 && data != nullptr); }
 

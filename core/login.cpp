@@ -65,6 +65,27 @@ bool isPinCached(const std::string& device) {
     return pinStateIsValidated(device) && !pinStateGetPassword(device).empty();
 }
 
+/// The dialog of the CNG front, as often as the token's retry counter allows.
+bool kspLogin(const std::string& device, void* libraryContext) {
+    for (;;) {
+        const std::string entered = askForPassword();
+        if (entered.empty()) {
+            // Information only: the CNG callers write their own error line.
+            logInfo("KSP: User cancelled password dialog");
+            return false;
+        }
+        const PinAttempt attempt = tryPin(device, entered, libraryContext);
+        if (attempt.result == TOKEN_OK) {
+            pinStateStore(device, entered);
+            return true;
+        }
+        showRejection(attempt, CNG_CLOCK_MESSAGE);
+        if (attempt.retries == 0) {
+            return false;
+        }
+    }
+}
+
 }  // namespace
 
 bool loginUser(const CSP_CONTEXT* context, char* password) {
@@ -122,9 +143,7 @@ bool ensurePasswordValidated(const CSP_CONTEXT* context) {
     return true;
 }
 
-bool kspEnsurePasswordValidated(const std::string& deviceName, void* libraryContext) {
-    // The host may move its provider to another token while the dialog is open: the PIN is for this one.
-    const std::string device = deviceName;
+bool kspEnsurePasswordValidated(const std::string& device, void* libraryContext) {
     if (isPinCached(device)) {
         logInfo("KSP: PIN already validated");
         return true;
@@ -135,21 +154,6 @@ bool kspEnsurePasswordValidated(const std::string& deviceName, void* libraryCont
         return true;
     }
     pinStateClear(device);
-    for (;;) {
-        const std::string entered = askForPassword();
-        if (entered.empty()) {
-            // Information only: the CNG callers write their own error line.
-            logInfo("KSP: User cancelled password dialog");
-            return false;
-        }
-        const PinAttempt attempt = tryPin(device, entered, libraryContext);
-        if (attempt.result == TOKEN_OK) {
-            pinStateStore(device, entered);
-            return true;
-        }
-        showRejection(attempt, CNG_CLOCK_MESSAGE);
-        if (attempt.retries == 0) {
-            return false;
-        }
-    }
+    // A copy: the host may move its provider to another token while the dialog is open, and the PIN is for this one.
+    return kspLogin(std::string(device), libraryContext);
 }

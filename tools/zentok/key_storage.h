@@ -52,8 +52,8 @@ public:
     StorageKey& operator=(const StorageKey&) = delete;
     ~StorageKey();
 
-    std::string text(const WCHAR* property) const;
-    DWORD number(const WCHAR* property) const;
+    std::string text(const WCHAR* name) const;
+    DWORD number(const WCHAR* name) const;
     bool isRsa() const { return text(NCRYPT_ALGORITHM_GROUP_PROPERTY) == "RSA"; }
 
     /// DER SubjectPublicKeyInfo.
