@@ -11,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "cert/key_encoding.h"
 #include "cert/public_key.h"
 #include "cng/entry.h"
 #include "cng/output.h"
@@ -73,13 +72,9 @@ const RsaType& rsaType(std::uint32_t bits) {
 }
 
 /// What the library may write at most: the ciphertext of the type that it is told, or of the modulus that the public
-/// key holds, where an object's size is not its modulus's.
+/// key holds, where an object's size is not its modulus's. No encoding of a key is shorter than its modulus.
 std::size_t largestCiphertext(const KSP_KEY& key) {
-    constexpr std::size_t DER_OVERHEAD = 38;  // of a SubjectPublicKeyInfo over its modulus
-    const std::span<const unsigned char> publicKey = key.publicKeyBytes();
-    const std::size_t overhead = isDerPublicKey(publicKey) ? DER_OVERHEAD : 0;
-    return std::max<std::size_t>(rsaType(key.bitSize).bits / 8,
-                                 publicKey.size() - std::min(publicKey.size(), overhead));
+    return std::max<std::size_t>(rsaType(key.bitSize).bits / 8, key.publicKeyBytes().size());
 }
 
 /// The hash that the padding information of an OAEP call names; null for none. The label is not looked at, and without

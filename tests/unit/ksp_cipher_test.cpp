@@ -87,6 +87,10 @@ TEST_F(KspCipherTest, RsaEncrypt) {
     runs(KSPEncrypt, &shrunk, 1, 0, nullptr, TOO_SMALL, 2, "!KSPEncrypt: output buffer too small, required=2");
     runs(KSPEncrypt, &shrunk, 2, 0, nullptr, TOO_SMALL, 64, raw + "!KSPEncrypt: output buffer too small, required=64",
          "encrypt");
+    const KSP_KEY lean = keyObject(2, 1024, filled(290, 0x30));  // DER with less around its modulus than is usual
+    token().on("encrypt", {{.output = filled(256)}});
+    runs(KSPEncrypt, &lean, 255, 0, nullptr, TOO_SMALL, 256,
+         "KSP: Public key is already DER encoded|!KSPEncrypt: output buffer too small, required=256", "encrypt");
     EXPECT_EQ(buffer.first(300), before);
 }
 

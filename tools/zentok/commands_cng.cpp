@@ -107,12 +107,22 @@ std::string keyDescription(const StorageKey& key) {
                               : "");
 }
 
+/// The size that is generated when at least `bits` are asked for.
+DWORD rsaSize(unsigned long bits) {
+    constexpr DWORD SIZES[] = {2048, 3072, 4096};
+    const auto* size = std::ranges::find_if(SIZES, [=](DWORD candidate) { return candidate >= bits; });
+    if (bits <= 1024 || size == std::end(SIZES)) {
+        throw UsageError("RSA keys have 2048, 3072 or 4096 bits");
+    }
+    return *size;
+}
+
 }  // namespace
 
 void generate(const Arguments& arguments) {
     const std::size_t type = arguments.getChoice("type", KEY_TYPES);
     const std::size_t usage = arguments.getChoice("usage", USAGES);
-    const auto bits = static_cast<DWORD>(arguments.getNumber("bits", 1, 0xFFFF));
+    const DWORD bits = rsaSize(arguments.getNumber("bits", 1, 0xFFFF));
     const KeyStorage storage;
     storage.logIn(arguments.find("pin"));
     const StorageKey key = StorageKey::generate(storage, ALGORITHMS[type][usage], bits,

@@ -25,6 +25,10 @@ std::string targetFile(const Arguments& arguments, const char* suffix) {
 
 /// Bytes that one encryption to the key can carry.
 std::size_t capacity(const Key& key, std::size_t padding) {
+    constexpr ALG_ID EC_KEY = 0x2200;
+    if (keyNumber(key, KP_ALGID) == EC_KEY) {
+        throw Failure("the container has an elliptic-curve key, which encrypts nothing");
+    }
     const std::size_t modulus = keyNumber(key, KP_KEYLEN) / 8;
     return modulus - std::min(modulus, PADDING_SIZES[padding]);
 }

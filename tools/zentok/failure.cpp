@@ -47,6 +47,9 @@ constexpr auto CODES = std::to_array<Code>({
     CODE(NTE_FAIL,
          "The PIN was not confirmed: the dialog was cancelled or could not open, or the token refused the PIN. "
          "`--pin` gives it without a dialog."),
+    CODE(NTE_INTERNAL_ERROR, "The token refused the operation, or the data is damaged; the provider's log says more."),
+    CODE(NTE_INVALID_PARAMETER, "The provider refused an argument, such as data of no bytes; its log says which one."),
+    CODE(NTE_VALIDATION_FAILED, "The token refused the PIN. Wrong PINs use up its attempts."),
     CODE(NTE_SILENT_CONTEXT, "The token asks for the PIN and no dialog may open: give it with `--pin`."),
     CODE(NTE_TOKEN_KEYSET_STORAGE_FULL,
          "No token is connected. Plug one in; `zentok token list` shows software tokens."),

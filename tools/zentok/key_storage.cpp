@@ -153,11 +153,11 @@ DWORD sizeOf(std::span<const BYTE> bytes) {
 
 /// Calls for the size of an answer and for the answer.
 template <typename Call>
-std::vector<BYTE> sizedAnswer(const std::string& action, Call call) {
+std::vector<BYTE> sizedAnswer(const std::string& action, Call call, const std::string& advice = {}) {
     DWORD size = 0;
-    require(call(nullptr, 0, &size), action);
+    require(call(nullptr, 0, &size), action, advice);
     std::vector<BYTE> answer(size);
-    require(call(answer.data(), size, &size), action);
+    require(call(answer.data(), size, &size), action, advice);
     answer.resize(size);
     return answer;
 }
@@ -193,7 +193,7 @@ void KeyStorage::logIn(const std::optional<std::string>& pin) const {
     std::string ansi = ansiPin(*pin);
     require(functions_->SetProviderProperty(provider_, NCRYPT_PIN_PROPERTY, reinterpret_cast<BYTE*>(ansi.data()),
                                             static_cast<DWORD>(ansi.size() + 1), 0),
-            "log in to the token", "The token refused the PIN. Wrong PINs use up its attempts.");
+            "log in to the token", "No token is connected, or it refused the PIN. Wrong PINs use up its attempts.");
 }
 
 std::vector<std::string> KeyStorage::listKeys() const {
@@ -320,10 +320,16 @@ std::vector<BYTE> StorageKey::encrypt(std::span<const BYTE> data, bool oaep) con
 }
 
 std::vector<BYTE> StorageKey::decrypt(std::span<const BYTE> data, bool oaep) const {
-    return sizedAnswer("decrypt", [&](BYTE* output, DWORD room, DWORD* size) {
-        return storage_->functions().Decrypt(storage_->handle(), handle_, bytesOf(data), sizeOf(data), nullptr, output,
-                                             room, size, oaep ? NCRYPT_PAD_OAEP_FLAG : NCRYPT_PAD_PKCS1_FLAG);
-    });
+    const char* const advice = oaep ? "The file was not encrypted to this key, or is damaged."
+                                    : "This token may decrypt no PKCS#1 v1.5; encrypt with `--padding oaep`.";
+    return sizedAnswer(
+        "decrypt",
+        [&](BYTE* output, DWORD room, DWORD* size) {
+            return storage_->functions().Decrypt(storage_->handle(), handle_, bytesOf(data), sizeOf(data), nullptr,
+                                                 output, room, size,
+                                                 oaep ? NCRYPT_PAD_OAEP_FLAG : NCRYPT_PAD_PKCS1_FLAG);
+        },
+        advice);
 }
 
 void StorageKey::remove() {
