@@ -58,6 +58,15 @@ void decryptByKey(const Key& key, DWORD flags, std::vector<BYTE>& data) {
     data.resize(size);
 }
 
+/// The file's bytes; one without any has nothing to work on.
+std::vector<BYTE> readData(const std::string& file, std::size_t limit, const char* what) {
+    const std::string content = readFile(file, limit, what);
+    if (content.empty()) {
+        throw Failure(file + " is empty");
+    }
+    return {content.begin(), content.end()};
+}
+
 void runEncrypt(const Arguments& arguments) {
     const std::string& name = arguments.get("container");
     const std::string& file = arguments.get("in");
@@ -65,9 +74,8 @@ void runEncrypt(const Arguments& arguments) {
     const std::size_t padding = arguments.getChoice("padding", PADDINGS);
     const Context context = openContainer(name);
     const Key key = requireKey(context, name);
-    const std::string content =
-        readFile(file, capacity(key, padding), "one RSA encryption, such as that of a key or a password");
-    std::vector<BYTE> data(content.begin(), content.end());
+    std::vector<BYTE> data =
+        readData(file, capacity(key, padding), "one RSA encryption, such as that of a key or a password");
     if (arguments.has("cng")) {
         data = cng::encrypt(arguments, data, padding == 0);
     } else {
@@ -83,8 +91,7 @@ void runDecrypt(const Arguments& arguments) {
     const std::string& file = arguments.get("in");
     const std::string target = targetFile(arguments, ".dec");
     const std::size_t padding = arguments.getChoice("padding", PADDINGS);
-    const std::string content = readFile(file, LARGEST_MODULUS, "an RSA ciphertext");
-    std::vector<BYTE> data(content.begin(), content.end());
+    std::vector<BYTE> data = readData(file, LARGEST_MODULUS, "an RSA ciphertext");
     if (arguments.has("cng")) {
         data = cng::decrypt(arguments, data, padding == 0);
     } else {
