@@ -149,7 +149,7 @@ BOOL encryptAes(const CSP_CONTEXT& context, const KEY_HANDLE& key, bool final, B
         return failBufferTooSmall(pcbDataLen, size,
                                   "CPEncrypt: symmetric output buffer too small, required=" + std::to_string(size));
     }
-    std::ranges::copy(cipherText.bytes(), pbData);
+    std::copy_n(cipherText.data, cipherText.length, pbData);
     *pcbDataLen = size;
     logInfo("CPEncrypt: symmetric encryption success, length=" + std::to_string(size));
     return TRUE;
@@ -168,7 +168,7 @@ int decryptOnToken(const CSP_CONTEXT& context, const KEY_HANDLE& key, std::span<
 /// Hands the plaintext to the caller, whose buffer is taken to hold it because it held the ciphertext.
 BOOL deliver(const LibraryBuffer& plainText, BYTE* pbData, DWORD* pcbDataLen) {
     *pcbDataLen = static_cast<DWORD>(plainText.length);
-    std::ranges::copy(plainText.bytes(), pbData);
+    std::copy_n(plainText.data, plainText.length, pbData);
     logInfo("CPDecrypt- return");
     return TRUE;
 }
