@@ -7,6 +7,7 @@ set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd -P)
 build=${ZENTOK_BUILD_DIR:-$root/build}
 bin=$build/bin
+stripped=$build/stripped
 # shellcheck disable=SC2034  # the scripts that source this use it
 provider_name="Zentok Cryptographic Provider CSP"
 display_pid=
@@ -15,6 +16,7 @@ build_packages=(cmake ninja-build g++-mingw-w64-x86-64-posix libgcrypt-mingw-w64
 run_packages=(wine64 xvfb openssl)
 # shellcheck disable=SC2034
 lint_packages=(clang-format clang-tidy shellcheck)
+package_packages=(nsis)
 
 # Ended from the keyboard or by a supervisor, a script still runs its exit trap, and fails.
 trap 'exit 130' INT
@@ -79,6 +81,23 @@ build_project() {
         grep -E -A8 'FAILED|error|Error' "$log" | head -n 80 >&2 || true
         die "the build failed; all of its output is in $log"
     fi
+}
+
+# --- Setup ------------------------------------------------------------------------------------------------------------
+
+project_version() { sed -n 's/^project(.* VERSION \([0-9.]*\) .*/\1/p' "$root/CMakeLists.txt"; }
+
+# make_setup FILE VERSION: the setup program for the binaries in build/bin, which go into it without debug information.
+make_setup() {
+    local file
+    need_packages "${package_packages[@]}"
+    mkdir -p "$stripped"
+    for file in ZentokCSP.dll ZentokDSCLibrary.dll zentok.exe; do
+        x86_64-w64-mingw32-strip -o "$stripped/$file" "$bin/$file"
+    done
+    makensis -V2 -WX "-DVERSION=$2" "-DBIN=$stripped" "-DOUTPUT=$1" "$root/packaging/zentok.nsi" >"$1.log" 2>&1 ||
+        die "makensis made no setup program: $(cat "$1.log")"
+    rm "$1.log"
 }
 
 # --- Wine -------------------------------------------------------------------------------------------------------------
