@@ -11,7 +11,7 @@
 ;   5  a running program uses the files; all is as it was
 ;   6  regsvr32 failed: setup left all as it was, the uninstaller has removed everything else
 ; The uninstaller goes on in a copy of itself, whose exit code is lost; a caller that wants it runs a copy of its own:
-;   uninstall.exe /S _?=C:\Program Files\Halvane\Zentok
+;   copy uninstall.exe to %TEMP%, then %TEMP%\uninstall.exe /S _?=%TEMP%
 Target amd64-unicode
 !include LogicLib.nsh
 !include x64.nsh
@@ -74,6 +74,11 @@ Var oldImage           ; the CryptoAPI entry before setup, empty for none
 !insertmacro MUI_LANGUAGE "English"
 
 ; --- For setup and uninstaller ----------------------------------------------------------------------------------------
+
+; The provider looks for the CA certificates there, so another place is not offered.
+!macro SetFolder
+    StrCpy $INSTDIR "$PROGRAMFILES64\Halvane\Zentok"
+!macroend
 
 ; Say TEXT: a line of the details, which a silent run would show nobody. Uses $R8 and $R9.
 !macro Say text
@@ -169,8 +174,7 @@ Function chooseTokenLibrary
 FunctionEnd
 
 Function .onInit
-    ; The provider looks for the CA certificates there, so another place is not offered.
-    StrCpy $INSTDIR "$PROGRAMFILES64\Halvane\Zentok"
+    !insertmacro SetFolder
     ${IfNot} ${IsNativeAMD64}
         ${Fail} 3 "${NAME} needs a 64-bit Windows on an x86-64 processor."
     ${EndIf}
@@ -296,6 +300,7 @@ SectionEnd
 ; --- Uninstaller ------------------------------------------------------------------------------------------------------
 
 Function un.onInit
+    !insertmacro SetFolder
     !insertmacro RequireAdministrator
 FunctionEnd
 

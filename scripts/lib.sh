@@ -93,7 +93,7 @@ make_setup() {
     need_packages "${package_packages[@]}"
     mkdir -p "$stripped"
     for file in ZentokCSP.dll ZentokDSCLibrary.dll zentok.exe; do
-        x86_64-w64-mingw32-strip -o "$stripped/$file" "$bin/$file"
+        [ "$stripped/$file" -nt "$bin/$file" ] || x86_64-w64-mingw32-strip -o "$stripped/$file" "$bin/$file"
     done
     makensis -V2 -WX "-DVERSION=$2" "-DBIN=$stripped" "-DOUTPUT=$1" "$root/packaging/zentok.nsi" >"$1.log" 2>&1 ||
         die "makensis made no setup program: $(cat "$1.log")"

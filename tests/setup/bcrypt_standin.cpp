@@ -3,71 +3,59 @@
 // function's name, 0 without.
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
+#include <ostream>
 #include <string>
 
 #include <windows.h>
 
 #include <bcrypt.h>
 
-namespace {
-
-std::string text(LPCWSTR wide) {
-    if (wide == nullptr) {
-        return "null";
+static void print(std::ostream& out, ULONG number) {
+    out << ' ' << std::hex << number;
+}
+static void print(std::ostream& out, LPCWSTR wide) {
+    const std::basic_string<WCHAR> text(wide != nullptr ? wide : TEXT("null"));
+    out << ' ' << std::string(text.begin(), text.end());
+}
+static void print(std::ostream& out, const CRYPT_IMAGE_REG* image) {
+    print(out, image != nullptr ? image->pszImage : nullptr);
+    for (ULONG i = 0; image != nullptr && i < image->cInterfaces; ++i) {
+        const CRYPT_INTERFACE_REG& entry = *image->rgpInterfaces[i];
+        print(out, entry.dwInterface);
+        print(out, entry.dwFlags);
+        for (ULONG j = 0; j < entry.cFunctions; ++j) {
+            print(out, entry.rgpszFunctions[j]);
+        }
     }
-    const std::basic_string<WCHAR> copy(wide);
-    return '"' + std::string(copy.begin(), copy.end()) + '"';
 }
 
 template <typename... Arguments>
-NTSTATUS record(const char* function, const Arguments&... arguments) {
-    std::ostringstream line;
-    line << function << std::hex;
-    ((line << ' ' << arguments), ...);
+static NTSTATUS record(const char* function, Arguments... arguments) {
     const char* file = std::getenv("ZENTOK_BCRYPT_CALLS");
-    std::ofstream(file != nullptr ? file : "nul", std::ios::app) << line.str() << '\n';
+    std::ofstream out(file != nullptr ? file : "nul", std::ios::app);
+    out << function;
+    (print(out, arguments), ...);
+    out << '\n';
     const char* status = std::getenv(function);
     return status != nullptr ? static_cast<NTSTATUS>(std::strtoul(status, nullptr, 16)) : 0;
 }
 
-std::string text(const CRYPT_IMAGE_REG* image) {
-    if (image == nullptr) {
-        return "null";
-    }
-    std::ostringstream out;
-    out << std::hex << '{' << text(image->pszImage);
-    for (ULONG i = 0; i < image->cInterfaces; ++i) {
-        const CRYPT_INTERFACE_REG& entry = *image->rgpInterfaces[i];
-        out << " {" << entry.dwInterface << ' ' << entry.dwFlags;
-        for (ULONG j = 0; j < entry.cFunctions; ++j) {
-            out << ' ' << text(entry.rgpszFunctions[j]);
-        }
-        out << '}';
-    }
-    out << '}';
-    return out.str();
-}
-
-}  // namespace
-
 extern "C" {
 
 NTSTATUS WINAPI BCryptRegisterProvider(LPCWSTR provider, ULONG flags, PCRYPT_PROVIDER_REG entry) {
-    return record("BCryptRegisterProvider", text(provider), flags, entry->cAliases,
-                  entry->rgpszAliases == nullptr ? "null" : "aliases", text(entry->pUM), text(entry->pKM));
+    return record(__func__, provider, flags, entry->cAliases, ULONG{entry->rgpszAliases != nullptr}, entry->pUM,
+                  entry->pKM);
 }
 NTSTATUS WINAPI BCryptUnregisterProvider(LPCWSTR provider) {
-    return record("BCryptUnregisterProvider", text(provider));
+    return record(__func__, provider);
 }
 NTSTATUS WINAPI BCryptAddContextFunctionProvider(ULONG table, LPCWSTR context, ULONG area, LPCWSTR function,
                                                  LPCWSTR provider, ULONG position) {
-    return record("BCryptAddContextFunctionProvider", table, text(context), area, text(function), text(provider),
-                  position);
+    return record(__func__, table, context, area, function, provider, position);
 }
 NTSTATUS WINAPI BCryptRemoveContextFunctionProvider(ULONG table, LPCWSTR context, ULONG area, LPCWSTR function,
                                                     LPCWSTR provider) {
-    return record("BCryptRemoveContextFunctionProvider", table, text(context), area, text(function), text(provider));
+    return record(__func__, table, context, area, function, provider);
 }
 
 }  // extern "C"
