@@ -45,7 +45,8 @@ std::vector<Command> allCommands() {
 #ifdef ZENTOK_HAS_SOFTTOKEN
              tokenCommands(),
 #endif
-             keyCommands(), signatureCommands(), dataCommands(), certificateCommands()}) {
+             keyCommands(), signatureCommands(), dataCommands(), certificateCommands(), statusCommands(),
+             testCommands(), logCommands(), registerCommands()}) {
         all.insert(all.end(), part.begin(), part.end());
     }
     return all;

@@ -13,7 +13,6 @@ namespace {
 
 constexpr std::size_t LARGEST_CERTIFICATE = 65536;   ///< bytes
 constexpr std::size_t LARGEST_CONTENT = 256U << 20;  ///< bytes
-constexpr ALG_ID ALG_EC_KEY = 0x2200;                ///< KP_ALGID of an elliptic-curve key
 
 /// The result as PEM in a file, or on the output.
 void deliver(const Arguments& arguments, const std::string& pem, const std::string& what) {
@@ -30,7 +29,7 @@ std::string keyDescription(const Key& key) {
     const DWORD permissions = keyNumber(key, KP_PERMISSIONS);
     const bool signs = (permissions & CRYPT_ENCRYPT) != 0;
     const bool decrypts = (permissions & CRYPT_DECRYPT) != 0;
-    return (keyNumber(key, KP_ALGID) == ALG_EC_KEY ? "EC P-" : "RSA-") + std::to_string(keyNumber(key, KP_KEYLEN)) +
+    return (isEllipticCurve(key) ? "EC P-" : "RSA-") + std::to_string(keyNumber(key, KP_KEYLEN)) +
            (signs && decrypts ? ", for signing and key exchange"
             : signs           ? ", for signing"
             : decrypts        ? ", for key exchange"
@@ -62,7 +61,7 @@ void runShow(const Arguments& arguments) {
 
 /// CryptoAPI's blobs carry RSA keys alone.
 void requireRsa(const Key& key, const std::string& container) {
-    if (keyNumber(key, KP_ALGID) == ALG_EC_KEY) {
+    if (isEllipticCurve(key)) {
         throw Failure("the container \"" + container + "\" has an elliptic-curve key, which CryptoAPI cannot export\n" +
                       "With --cng it can be done.");
     }
@@ -100,7 +99,7 @@ void storeCertificate(const Arguments& arguments, const Certificate& certificate
     const Context context = openContainer(name);
     const Key key = requireKey(context, name);
     // CryptoAPI exports no elliptic-curve key to compare with.
-    if (keyNumber(key, KP_ALGID) != ALG_EC_KEY) {
+    if (!isEllipticCurve(key)) {
         requireSameKey(certificate, publicKeyInfo(context), arguments);
     }
     logIn(context, arguments.find("pin"));

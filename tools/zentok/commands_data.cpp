@@ -33,31 +33,6 @@ std::size_t capacity(const Key& key, std::size_t padding) {
     return modulus - std::min(modulus, PADDING_SIZES[padding]);
 }
 
-void encryptByKey(const Key& key, DWORD flags, std::vector<BYTE>& data) {
-    auto size = static_cast<DWORD>(data.size());
-    data.resize(std::max<std::size_t>(keyNumber(key, KP_KEYLEN) / 8, data.size()));
-    if (CryptEncrypt(key.get(), 0, TRUE, flags, data.data(), &size, static_cast<DWORD>(data.size())) == FALSE) {
-        throw platformFailure("encrypt", GetLastError());
-    }
-    data.resize(size);
-    std::ranges::reverse(data);  // CryptoAPI has it little-endian, the file the order of the standards
-}
-
-void decryptByKey(const Key& key, DWORD flags, std::vector<BYTE>& data) {
-    std::ranges::reverse(data);
-    auto size = static_cast<DWORD>(data.size());
-    if (CryptDecrypt(key.get(), 0, TRUE, flags, data.data(), &size) == FALSE) {
-        const DWORD code = GetLastError();
-        throw platformFailure("decrypt", code,
-                              code == static_cast<DWORD>(NTE_BAD_FLAGS)
-                                  ? "This token decrypts no PKCS#1 v1.5; encrypt with `--padding oaep`."
-                              : code == static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL)
-                                  ? "The file was not encrypted to this key, or is damaged."
-                                  : "");
-    }
-    data.resize(size);
-}
-
 /// The file's bytes; one without any has nothing to work on.
 std::vector<BYTE> readData(const std::string& file, std::size_t limit, const char* what) {
     const std::string content = readFile(file, limit, what);

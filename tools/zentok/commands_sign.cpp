@@ -39,16 +39,6 @@ void requirePkcs1(const Arguments& arguments) {
     }
 }
 
-std::vector<BYTE> signHash(const Hash& hash) {
-    DWORD size = signatureSize(hash);
-    std::vector<BYTE> signature(size);
-    if (CryptSignHashW(hash.get(), AT_SIGNATURE, nullptr, 0, signature.data(), &size) == FALSE) {
-        throw platformFailure("sign", GetLastError());
-    }
-    signature.resize(size);
-    return signature;
-}
-
 /// A signature of the file in the order that the arguments ask for.
 std::vector<BYTE> signFile(const Arguments& arguments) {
     const std::string& name = arguments.get("container");

@@ -167,6 +167,24 @@ constexpr Command COMMANDS[] = {
 
 }  // namespace
 
+void checkSoftwareTokens(Findings& findings) {
+    constexpr int FEW = 3;
+    for (const softtoken::TokenSummary& token : manage([] { return softtoken::listTokens(); })) {
+        Finding finding{"software token", Verdict::Ok,
+                        token.serial + ", " + std::to_string(token.retriesLeft) + " of " +
+                            std::to_string(token.retryLimit) + " PIN attempts left"};
+        if (token.retriesLeft == 0) {
+            finding.verdict = Verdict::Error;
+            finding.text = token.serial + ", the PIN is locked";
+            finding.advice = "`zentok token unlock --serial " + token.serial + "` gives the attempts back.";
+        } else if (token.retriesLeft < std::min(FEW, token.retryLimit)) {
+            finding.verdict = Verdict::Warning;
+            finding.advice = "The PIN locks when they are used up; the right PIN gives them back.";
+        }
+        findings.push_back(finding);
+    }
+}
+
 std::span<const Command> tokenCommands() {
     return COMMANDS;
 }

@@ -98,6 +98,11 @@ DWORD keyNumber(const Key& key, DWORD parameter) {
     return number;
 }
 
+bool isEllipticCurve(const Key& key) {
+    constexpr DWORD ALG_EC_KEY = 0x2200;
+    return keyNumber(key, KP_ALGID) == ALG_EC_KEY;
+}
+
 std::vector<std::string> listKeys(const Context& context) {
     std::vector<std::string> keys;
     // Always with room for a key text: a size query would step past an entry.
@@ -173,6 +178,16 @@ DWORD signatureSize(const Hash& hash) {
     return size;
 }
 
+std::vector<BYTE> signHash(const Hash& hash) {
+    DWORD size = signatureSize(hash);
+    std::vector<BYTE> signature(size);
+    if (CryptSignHashW(hash.get(), AT_SIGNATURE, nullptr, 0, signature.data(), &size) == FALSE) {
+        throw platformFailure("sign", GetLastError());
+    }
+    signature.resize(size);
+    return signature;
+}
+
 bool verifyHash(const Hash& hash, std::span<const BYTE> signature, const Key& key) {
     const auto size = static_cast<DWORD>(signature.size());
     if (CryptVerifySignatureW(hash.get(), signature.data(), size, key.get(), nullptr, 0) != FALSE) {
@@ -183,6 +198,31 @@ bool verifyHash(const Hash& hash, std::span<const BYTE> signature, const Key& ke
         return false;
     }
     throw platformFailure("verify the signature", code);
+}
+
+void encryptByKey(const Key& key, DWORD flags, std::vector<BYTE>& data) {
+    auto size = static_cast<DWORD>(data.size());
+    data.resize(std::max<std::size_t>(keyNumber(key, KP_KEYLEN) / 8, data.size()));
+    if (CryptEncrypt(key.get(), 0, TRUE, flags, data.data(), &size, static_cast<DWORD>(data.size())) == FALSE) {
+        throw platformFailure("encrypt", GetLastError());
+    }
+    data.resize(size);
+    std::ranges::reverse(data);  // CryptoAPI has it little-endian, the file the order of the standards
+}
+
+void decryptByKey(const Key& key, DWORD flags, std::vector<BYTE>& data) {
+    std::ranges::reverse(data);
+    auto size = static_cast<DWORD>(data.size());
+    if (CryptDecrypt(key.get(), 0, TRUE, flags, data.data(), &size) == FALSE) {
+        const DWORD code = GetLastError();
+        throw platformFailure("decrypt", code,
+                              code == static_cast<DWORD>(NTE_BAD_FLAGS)
+                                  ? "This token decrypts no PKCS#1 v1.5; encrypt with `--padding oaep`."
+                              : code == static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL)
+                                  ? "The file was not encrypted to this key, or is damaged."
+                                  : "");
+    }
+    data.resize(size);
 }
 
 std::vector<Container> listContainers() {

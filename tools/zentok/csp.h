@@ -65,6 +65,9 @@ Key requireKey(const Context& context, const std::string& container);
 /// A number that the provider knows about a key, KP_KEYLEN for one.
 DWORD keyNumber(const Key& key, DWORD parameter);
 
+/// True for an elliptic-curve key, false for RSA.
+bool isEllipticCurve(const Key& key);
+
 /// The key texts of the token that the context works with.
 std::vector<std::string> listKeys(const Context& context);
 
@@ -83,8 +86,15 @@ Hash hashFile(const Context& context, ALG_ID algorithm, const std::string& file)
 /// Room that a signature of the hash takes with the container's signature key, in bytes.
 DWORD signatureSize(const Hash& hash);
 
+/// Signs with the container's signature key; little-endian for RSA.
+std::vector<BYTE> signHash(const Hash& hash);
+
 /// True when the signature is good, false when it is not; little-endian for RSA, as CryptoAPI has it.
 bool verifyHash(const Hash& hash, std::span<const BYTE> signature, const Key& key);
+
+/// RSA in place, with big-endian ciphertext. `flags` as CryptEncrypt has them: CRYPT_OAEP, or 0 for PKCS#1 v1.5.
+void encryptByKey(const Key& key, DWORD flags, std::vector<BYTE>& data);
+void decryptByKey(const Key& key, DWORD flags, std::vector<BYTE>& data);
 
 struct Container {
     std::string name;

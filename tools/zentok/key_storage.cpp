@@ -10,11 +10,9 @@
 #include "tools/zentok/csp.h"
 #include "tools/zentok/encoding.h"
 #include "tools/zentok/failure.h"
+#include "tools/zentok/installation.h"
 
 namespace {
-
-constexpr WCHAR LIBRARY[] = TEXT("ZentokCSP.dll");
-constexpr WCHAR REGISTRATION[] = TEXT("SOFTWARE\\Microsoft\\Cryptography\\Defaults\\Provider\\");
 
 // --- The router's functions in the form of the table: they take no provider beside a key. ---
 
@@ -90,18 +88,9 @@ NCRYPT_KEY_STORAGE_FUNCTION_TABLE routerTable() {
     return table;
 }
 
-/// The file that CryptoAPI's registration names, else the one that the system finds by its name.
-WideText libraryPath() {
-    WCHAR path[MAX_PATH] = {};
-    DWORD size = sizeof path;
-    const WideText key = WideText(REGISTRATION) + PROVIDER_NAME;
-    const bool found = RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), TEXT("Image Path"), RRF_RT_REG_SZ, nullptr, path,
-                                    &size) == ERROR_SUCCESS;
-    return found ? path : LIBRARY;
-}
-
 const NCRYPT_KEY_STORAGE_FUNCTION_TABLE* providerTable() {
-    const WideText path = libraryPath();
+    // The file that CryptoAPI's registration names, else the one that the system finds by its name.
+    const WideText path = registeredPath().value_or(PROVIDER_LIBRARY);
     const HMODULE library = LoadLibraryExW(path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
     if (library == nullptr) {
         throw platformFailure("load " + toUtf8(path), GetLastError());
@@ -168,6 +157,16 @@ WideText keyTextOf(const std::string& container) {
 }
 
 }  // namespace
+
+std::optional<std::string> routerRefusal() {
+    NCRYPT_PROV_HANDLE provider = 0;
+    std::string reason;
+    if (!openByRouter(provider, reason)) {
+        return reason;
+    }
+    NCryptFreeObject(provider);
+    return std::nullopt;
+}
 
 KeyStorage::KeyStorage() {
     static const NCRYPT_KEY_STORAGE_FUNCTION_TABLE router = routerTable();

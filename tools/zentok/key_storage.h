@@ -12,6 +12,9 @@
 #include "cng/key_storage_interface.h"
 #include "tools/zentok/text.h"
 
+/// Why the platform's router does not lead to the provider; nothing when it does.
+std::optional<std::string> routerRefusal();
+
 /// An opened provider. Both roads have one table, so that the code behind it is the same.
 class KeyStorage {
 public:

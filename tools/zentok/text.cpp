@@ -39,6 +39,11 @@ std::filesystem::path toPath(std::string_view utf8) {
     return std::filesystem::path(std::u8string(utf8.begin(), utf8.end()));
 }
 
+std::string pathText(const std::filesystem::path& path) {
+    const std::u8string text = path.u8string();
+    return {text.begin(), text.end()};
+}
+
 std::vector<std::string> commandLineArguments() {
     int count = 0;
     const std::unique_ptr<LPWSTR, decltype(&LocalFree)> wide(CommandLineToArgvW(GetCommandLineW(), &count), &LocalFree);
@@ -47,4 +52,11 @@ std::vector<std::string> commandLineArguments() {
         arguments.push_back(toUtf8(wide.get()[i]));
     }
     return arguments;
+}
+
+std::string fromAnsi(std::string_view ansi) {
+    const int size = static_cast<int>(ansi.size());
+    WideText wide(static_cast<std::size_t>(MultiByteToWideChar(CP_ACP, 0, ansi.data(), size, nullptr, 0)), 0);
+    MultiByteToWideChar(CP_ACP, 0, ansi.data(), size, wide.data(), static_cast<int>(wide.size()));
+    return toUtf8(wide);
 }

@@ -18,6 +18,10 @@ std::string toUtf8(std::basic_string_view<WCHAR> wide);
 std::string toAnsi(std::string_view utf8, std::string_view what);
 
 std::filesystem::path toPath(std::string_view utf8);
+std::string pathText(const std::filesystem::path& path);
 
 /// The arguments of this process without the program's name, in UTF-8 whatever the code page.
 std::vector<std::string> commandLineArguments();
+
+/// Bytes of the ANSI code page.
+std::string fromAnsi(std::string_view ansi);
