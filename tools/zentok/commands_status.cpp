@@ -66,8 +66,13 @@ WideText checkLibrary(Findings& findings) {
             break;
         }
     }
+    if (!registered && !other.empty()) {
+        findings.push_back({TOPIC, Verdict::Ok, fileText(other)});
+        return other;
+    }
     if (used.empty()) {
-        const std::string missing = registered ? "there is no file " + toUtf8(*registered) : "no file is registered";
+        const std::string missing =
+            registered ? "there is no file " + toUtf8(*registered) : "there is no ZentokCSP.dll in the search path";
         findings.push_back({TOPIC, Verdict::Error, missing + (other.empty() ? "" : ", but there is " + fileText(other)),
                             other.empty() ? "Install the provider again." : registerAdvice(other)});
         return other;
@@ -188,6 +193,7 @@ void checkLog(Findings& findings) {
 
 void runStatus(const Arguments& arguments) {
     Findings findings;
+    std::optional<QuietOutput> quiet(std::in_place);
     checkRegistration(findings);
     checkTokenLibrary(findings, checkLibrary(findings));
     checkSetup(findings);
@@ -197,6 +203,7 @@ void runStatus(const Arguments& arguments) {
     inspect(findings, "software tokens", [&] { checkSoftwareTokens(findings); });
 #endif
     checkLog(findings);
+    quiet.reset();
     printFindings(findings, arguments.has("json"));
 }
 

@@ -1,6 +1,6 @@
 // Everything that a key is for, tried once through both provider interfaces.
-#include <algorithm>
 #include <chrono>
+#include <initializer_list>
 #include <optional>
 
 #include "tools/zentok/commands.h"
@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr const char* NO_CURVE_ENCRYPTION = "an elliptic-curve key does not encrypt";
+constexpr DWORD LARGEST_REFUSED = 1024;  ///< bits
 
 /// What is encrypted; its 32 bytes also serve as a SHA-256 value.
 const std::vector<BYTE>& sample() {
@@ -45,8 +45,10 @@ public:
         return finding.verdict == Verdict::Ok;
     }
 
-    void skip(const char* name, const char* reason) {
-        findings_.push_back({front_ + " " + name, Verdict::Skipped, reason});
+    void skip(std::initializer_list<const char*> names, const char* reason) {
+        for (const char* name : names) {
+            findings_.push_back({front_ + " " + name, Verdict::Skipped, reason});
+        }
     }
 
 private:
@@ -58,31 +60,46 @@ std::string sizeText(const std::vector<BYTE>& bytes) {
     return std::to_string(bytes.size()) + " bytes";
 }
 
-/// The steps after the key is open, which are the same for both interfaces.
-template <typename Sign, typename Verify, typename Encrypt, typename Decrypt>
-void tryKey(Steps& steps, bool isRsa, Sign sign, Verify verify, Encrypt encrypt, Decrypt decrypt) {
-    std::vector<BYTE> signature;
-    if (steps.attempt("sign", [&] { return sizeText(signature = sign(sample())); })) {
-        steps.attempt("verify", [&]() -> std::string {
-            if (!verify(sample(), signature)) {
-                throw Failure("the signature is refused\nThe provider's log says more.");
-            }
-            if (verify(changed(sample()), signature)) {
-                throw Failure("the signature is taken for other data, too\nDo not trust this provider's verdicts.");
-            }
-            return "the signature is good, and refused for other data";
-        });
-    } else {
-        steps.skip("verify", "there is no signature");
+struct KeyKind {
+    bool isRsa;
+    DWORD bits;
+};
+
+std::string kindText(const KeyKind& kind) {
+    return (kind.isRsa ? "an RSA key of " : "an elliptic-curve key of ") + std::to_string(kind.bits) + " bits";
+}
+
+template <typename Sign, typename Verify>
+void trySignature(Steps& steps, const KeyKind& kind, Sign sign, Verify verify) {
+    if (kind.isRsa && kind.bits <= LARGEST_REFUSED) {
+        steps.skip({"sign", "verify"}, "the provider signs with no RSA key of 1024 bits, on any token");
+        return;
     }
-    if (!isRsa) {
-        steps.skip("encrypt", NO_CURVE_ENCRYPTION);
-        steps.skip("decrypt", NO_CURVE_ENCRYPTION);
+    std::vector<BYTE> signature;
+    if (!steps.attempt("sign", [&] { return sizeText(signature = sign(sample())); })) {
+        steps.skip({"verify"}, "there is no signature");
+        return;
+    }
+    steps.attempt("verify", [&]() -> std::string {
+        if (!verify(sample(), signature)) {
+            throw Failure("the signature is refused\nThe provider's log says more.");
+        }
+        if (verify(changed(sample()), signature)) {
+            throw Failure("the signature is taken for other data, too\nDo not trust this provider's verdicts.");
+        }
+        return "the signature is good, and refused for other data";
+    });
+}
+
+template <typename Encrypt, typename Decrypt>
+void tryEncryption(Steps& steps, const KeyKind& kind, Encrypt encrypt, Decrypt decrypt) {
+    if (!kind.isRsa) {
+        steps.skip({"encrypt", "decrypt"}, "an elliptic-curve key does not encrypt");
         return;
     }
     std::vector<BYTE> secret;
     if (!steps.attempt("encrypt", [&] { return sizeText(secret = encrypt(sample())); })) {
-        steps.skip("decrypt", "there is no ciphertext");
+        steps.skip({"decrypt"}, "there is no ciphertext");
         return;
     }
     steps.attempt("decrypt", [&]() -> std::string {
@@ -105,11 +122,12 @@ Hash hashOf(const Context& context, const std::vector<BYTE>& data) {
 bool tryCryptoApi(Steps steps, const std::string& container, const std::optional<std::string>& pin) {
     std::optional<Context> context;
     std::optional<Key> key;
+    KeyKind kind = {};
     const bool isOpen = steps.attempt("open", [&] {
         context.emplace(openContainer(container));
         key.emplace(requireKey(*context, container));
-        return (isEllipticCurve(*key) ? "an elliptic-curve key of " : "an RSA key of ") +
-               std::to_string(keyNumber(*key, KP_KEYLEN)) + " bits";
+        kind = {!isEllipticCurve(*key), keyNumber(*key, KP_KEYLEN)};
+        return kindText(kind);
     });
     if (!isOpen) {
         return true;
@@ -120,9 +138,11 @@ bool tryCryptoApi(Steps steps, const std::string& container, const std::optional
         })) {
         return false;
     }
-    tryKey(
-        steps, !isEllipticCurve(*key), [&](const auto& data) { return signHash(hashOf(*context, data)); },
-        [&](const auto& data, const auto& signature) { return verifyHash(hashOf(*context, data), signature, *key); },
+    trySignature(
+        steps, kind, [&](const auto& data) { return signHash(hashOf(*context, data)); },
+        [&](const auto& data, const auto& signature) { return verifyHash(hashOf(*context, data), signature, *key); });
+    tryEncryption(
+        steps, kind,
         [&](std::vector<BYTE> data) {
             encryptByKey(*key, CRYPT_OAEP, data);
             return data;
@@ -137,12 +157,12 @@ bool tryCryptoApi(Steps steps, const std::string& container, const std::optional
 void tryKeyStorage(Steps steps, const std::string& container, const std::optional<std::string>& pin) {
     std::optional<KeyStorage> storage;
     std::optional<StorageKey> key;
+    KeyKind kind = {};
     const bool isOpen = steps.attempt("open", [&] {
         storage.emplace();
         key.emplace(StorageKey::open(*storage, container));
-        return (key->isRsa() ? "an RSA key of " : "an elliptic-curve key of ") +
-               std::to_string(key->number(NCRYPT_LENGTH_PROPERTY)) + " bits" +
-               (storage->isRouted() ? "" : ", by the function table");
+        kind = {key->isRsa(), key->number(NCRYPT_LENGTH_PROPERTY)};
+        return kindText(kind) + (storage->isRouted() ? "" : ", by the function table");
     });
     if (!isOpen || (pin && !steps.attempt("log in", [&] {
             storage->logIn(pin);
@@ -150,10 +170,11 @@ void tryKeyStorage(Steps steps, const std::string& container, const std::optiona
         }))) {
         return;
     }
-    tryKey(
-        steps, key->isRsa(), [&](const auto& hash) { return key->sign(hash, false); },
-        [&](const auto& hash, const auto& signature) { return key->verify(hash, signature, false); },
-        [&](const auto& data) { return key->encrypt(data, true); },
+    trySignature(
+        steps, kind, [&](const auto& hash) { return key->sign(hash, false); },
+        [&](const auto& hash, const auto& signature) { return key->verify(hash, signature, false); });
+    tryEncryption(
+        steps, kind, [&](const auto& data) { return key->encrypt(data, true); },
         [&](const auto& data) { return key->decrypt(data, true); });
 }
 
@@ -164,12 +185,14 @@ void runTest(const Arguments& arguments) {
         ansiPin(*pin);  // a PIN that cannot be one is refused before anything is tried
     }
     Findings findings;
+    std::optional<QuietOutput> quiet(std::in_place);
     Steps keyStorage(findings, "CNG");
     if (tryCryptoApi(Steps(findings, "CryptoAPI"), container, pin)) {
         tryKeyStorage(keyStorage, container, pin);
     } else {
-        keyStorage.skip("log in", "the PIN was refused already; another try could cost another attempt");
+        keyStorage.skip({"log in"}, "the PIN was refused already; another try could cost another attempt");
     }
+    quiet.reset();
     printFindings(findings, arguments.has("json"));
 }
 

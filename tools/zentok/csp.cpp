@@ -44,7 +44,8 @@ Context openContainer(const std::string& name) {
     toAnsi(name, "the container's name");
     HCRYPTPROV handle = 0;
     if (CryptAcquireContextW(&handle, toWide(name).c_str(), PROVIDER_NAME, PROV_RSA_FULL, 0) == FALSE) {
-        throw platformFailure("open the container \"" + name + "\"", GetLastError());
+        const DWORD code = GetLastError();
+        throw platformFailure(name.empty() ? "open the token" : "open the container \"" + name + "\"", code);
     }
     return Context(handle);
 }

@@ -5,6 +5,9 @@
 #include <cstdio>
 #include <iostream>
 
+#include <fcntl.h>
+#include <io.h>
+
 #include "tools/zentok/failure.h"
 #include "tools/zentok/json.h"
 
@@ -53,6 +56,21 @@ std::string objectOf(const Finding& finding) {
 }
 
 }  // namespace
+
+QuietOutput::QuietOutput() : output_((std::fflush(stdout), _dup(1))) {
+    if (const int nowhere = _open("NUL", _O_WRONLY); output_ >= 0 && nowhere >= 0) {
+        _dup2(nowhere, 1);
+        _close(nowhere);
+    }
+}
+
+QuietOutput::~QuietOutput() {
+    std::fflush(stdout);
+    if (output_ >= 0) {
+        _dup2(output_, 1);
+        _close(output_);
+    }
+}
 
 Finding failedFinding(std::string topic, const std::exception& failure) {
     const std::string whole = failure.what();
