@@ -1,4 +1,5 @@
-// The provider's life inside its host: contexts that come and go, tokens pulled out, processes that end.
+// The provider's life inside its host: contexts that come and go, tokens pulled out, processes that end, and users who
+// are asked for the PIN and answer with the keys of the machine.
 #include <thread>
 
 #include "tests/platform/platform_test.h"
@@ -65,13 +66,9 @@ TEST_F(HostingTest, ATokenPulledOutTakesItsLoginAlong) {
 TEST_F(HostingTest, AProcessEndsWhateverIsOpen) {
     const Token token;
     const std::string keyText = token.addKey();
-    for (const char* role : {"released", "all-open", "dialog-open"}) {
+    for (const char* role : {"released", "all-open", "dialog-open", "loading"}) {
         EXPECT_EQ(runChild(role, keyText), CHILD_SUCCEEDED) << role;
     }
-}
-
-TEST_F(HostingTest, TheTableKeepsTheLibraryLoaded) {
-    EXPECT_EQ(runChild("GetKeyStorageInterface", ""), CHILD_SUCCEEDED);
 }
 
 TEST_F(HostingTest, ManyThreads) {
@@ -86,12 +83,85 @@ TEST_F(HostingTest, ManyThreads) {
     };
     const PasswordUser user({logIn(PIN)});
     work();
-    std::vector<std::thread> threads(8);
-    for (std::thread& thread : threads) {
-        thread = std::thread(work);
+    std::vector<std::jthread> threads;
+    while (threads.size() < 8) {
+        threads.emplace_back(work);
     }
-    for (std::thread& thread : threads) {
-        thread.join();
+}
+
+TEST_F(HostingTest, ContainersAreDeleted) {
+    const Token token;
+    const std::string other = token.addKey();
+    const PasswordUser user({logIn(PIN)});
+    for (int key = 0; key < 2; ++key) {
+        generateKey(acquire(container, key == 0 ? CRYPT_NEWKEYSET : 0));
+    }
+    EXPECT_EQ(findKey(acquire(container)), OK);
+    token.pullOut();
+    EXPECT_EQ(tryAcquire(container, CRYPT_DELETEKEYSET), NO_TOKEN);
+    token.plugIn();
+    EXPECT_EQ(softtoken::listTokens().at(0).keyPairs, 3U);
+    EXPECT_EQ(tryAcquire(container, CRYPT_DELETEKEYSET), OK);
+    EXPECT_EQ(softtoken::listTokens().at(0).keyPairs, 1U);
+    EXPECT_EQ(findKey(acquire(container)), code(NTE_BAD_KEY));
+    EXPECT_EQ(findKey(acquire(other)), OK);
+}
+
+using LoginTest = PlatformTest;
+
+const std::string ENTER(1, VK_RETURN);
+const std::string ESCAPE(1, VK_ESCAPE);
+
+/// Presses and releases keys of the keyboard: the system chooses the window that gets them. A digit is its key's code.
+void strike(const std::string& keys) {
+    for (const char key : keys) {
+        INPUT input = {};
+        input.type = INPUT_KEYBOARD;
+        input.ki.wVk = static_cast<unsigned char>(key);
+        EXPECT_EQ(SendInput(1, &input, sizeof input), 1U);
+        input.ki.dwFlags = KEYEVENTF_KEYUP;
+        EXPECT_EQ(SendInput(1, &input, sizeof input), 1U);
+    }
+}
+
+/// Strikes keys at a window that has just opened, once it is in front and, a dialog, ready for them.
+UserStep typing(const std::string& what, const std::string& keys) {
+    return {what, [=](HWND window) {
+                const auto ready = [=] {
+                    GUITHREADINFO info = {};
+                    info.cbSize = sizeof info;
+                    GetGUIThreadInfo(GetWindowThreadProcessId(window, nullptr), &info);
+                    return GetForegroundWindow() == window &&
+                           (what != "dialog" || info.hwndFocus == GetDlgItem(window, EDIT));
+                };
+                for (int tries = 0; tries < 2000 && !ready(); ++tries) {
+                    Sleep(5);
+                }
+                EXPECT_TRUE(ready() && (what != "dialog" || !canLogIn(window)));
+                strike(keys);
+            }};
+}
+
+TEST_F(LoginTest, RealKeys) {
+    const auto lengthRule = [](HWND dialog) {
+        for (int length = 1; length <= 64; ++length) {
+            typeText(dialog, "x");
+            EXPECT_EQ(canLogIn(dialog), length >= 4 && length <= 63) << length;
+        }
+        SendMessageA(dialog, WM_CLOSE, 0, 0);
+    };
+    const UserStep wrong = typing("dialog", WRONG_PIN + ENTER), right = typing("dialog", PIN + ENTER);
+    const UserStep rejected = typing("box: Invalid user pin. Remaining attempts(9)", ENTER);
+    const std::pair<std::vector<UserStep>, Code> rows[] = {{{typing("dialog", ESCAPE)}, code(NTE_FAIL)},
+                                                           {{{"dialog", lengthRule}}, code(NTE_FAIL)},
+                                                           {{cancel()}, code(NTE_FAIL)},
+                                                           {{wrong, rejected, right}, OK},
+                                                           {{}, OK}};
+    const Token token;
+    const Context context = acquire(token.addKey());
+    for (const auto& [steps, result] : rows) {
+        const PasswordUser user(steps);
+        EXPECT_EQ(sign(context), result);
     }
 }
 

@@ -2,11 +2,8 @@
 // through it in few words, and its public keys as openssl has them.
 #pragma once
 
-#include <cstring>
-
 #include "cng/key_storage_interface.h"
 #include "tests/platform/platform_test.h"
-#include "tests/support/der.h"
 
 namespace test {
 
@@ -29,47 +26,45 @@ BOOL freeObject(ULONG_PTR handle) {
 using KspKey = Owned<freeObject<&NCRYPT_KEY_STORAGE_FUNCTION_TABLE::FreeKey>>;
 using KspSecret = Owned<freeObject<&NCRYPT_KEY_STORAGE_FUNCTION_TABLE::FreeSecret>>;
 
-/// A kind of key as the provider, the token and openssl's genpkey call it.
+/// A kind of key as the provider and the token call it.
 struct Kind {
     const char* algorithm;
     const char* group;
     DWORD bits;
     KeyType tokenType;
     ULONG magic;  ///< of its public blob
-    const char* option;
 
     [[nodiscard]] bool isRsa() const { return tokenType < KEY_TYPE_EC_P256; }
     [[nodiscard]] DWORD bytes() const { return (bits + 7) / 8; }
     [[nodiscard]] DWORD signatureSize() const { return isRsa() ? bytes() : 2 * bytes(); }
     [[nodiscard]] const WCHAR* blobType() const { return isRsa() ? BCRYPT_RSAPUBLIC_BLOB : BCRYPT_ECCPUBLIC_BLOB; }
+    /// As openssl's genpkey takes it.
+    [[nodiscard]] std::string option() const {
+        return (isRsa() ? "rsa_keygen_bits:" : "ec_paramgen_curve:P-") + std::to_string(bits);
+    }
 };
-constexpr Kind RSA_2048 = {"RSA", "RSA", 2048, KEY_TYPE_RSA_2048, BCRYPT_RSAPUBLIC_MAGIC, "rsa_keygen_bits:2048"};
-constexpr Kind RSA_3072 = {"RSA", "RSA", 3072, KEY_TYPE_RSA_3072, BCRYPT_RSAPUBLIC_MAGIC, "rsa_keygen_bits:3072"};
-constexpr Kind RSA_4096 = {"RSA", "RSA", 4096, KEY_TYPE_RSA_4096, BCRYPT_RSAPUBLIC_MAGIC, "rsa_keygen_bits:4096"};
-constexpr Kind ECDSA_P256 = {"ECDSA_P256", "ECDSA", 256, KEY_TYPE_EC_P256, 0x31534345, "ec_paramgen_curve:P-256"};
-constexpr Kind ECDSA_P384 = {"ECDSA_P384", "ECDSA", 384, KEY_TYPE_EC_P384, 0x33534345, "ec_paramgen_curve:P-384"};
-constexpr Kind ECDSA_P521 = {"ECDSA_P521", "ECDSA", 521, KEY_TYPE_EC_P521, 0x35534345, "ec_paramgen_curve:P-521"};
-constexpr Kind ECDH_P256 = {"ECDH_P256", "ECDH", 256, KEY_TYPE_EC_P256, 0x314B4345, "ec_paramgen_curve:P-256"};
-constexpr Kind ECDH_P384 = {"ECDH_P384", "ECDH", 384, KEY_TYPE_EC_P384, 0x334B4345, "ec_paramgen_curve:P-384"};
-constexpr Kind ECDH_P521 = {"ECDH_P521", "ECDH", 521, KEY_TYPE_EC_P521, 0x354B4345, "ec_paramgen_curve:P-521"};
+constexpr Kind RSA_2048 = {"RSA", "RSA", 2048, KEY_TYPE_RSA_2048, BCRYPT_RSAPUBLIC_MAGIC};
+constexpr Kind RSA_3072 = {"RSA", "RSA", 3072, KEY_TYPE_RSA_3072, BCRYPT_RSAPUBLIC_MAGIC};
+constexpr Kind RSA_4096 = {"RSA", "RSA", 4096, KEY_TYPE_RSA_4096, BCRYPT_RSAPUBLIC_MAGIC};
+constexpr Kind ECDSA_P256 = {"ECDSA_P256", "ECDSA", 256, KEY_TYPE_EC_P256, 0x31534345};
+constexpr Kind ECDSA_P384 = {"ECDSA_P384", "ECDSA", 384, KEY_TYPE_EC_P384, 0x33534345};
+constexpr Kind ECDSA_P521 = {"ECDSA_P521", "ECDSA", 521, KEY_TYPE_EC_P521, 0x35534345};
+constexpr Kind ECDH_P256 = {"ECDH_P256", "ECDH", 256, KEY_TYPE_EC_P256, 0x314B4345};
+constexpr Kind ECDH_P384 = {"ECDH_P384", "ECDH", 384, KEY_TYPE_EC_P384, 0x334B4345};
+constexpr Kind ECDH_P521 = {"ECDH_P521", "ECDH", 521, KEY_TYPE_EC_P521, 0x354B4345};
 
-inline DWORD sizeOf(const Bytes& bytes) {
-    return static_cast<DWORD>(bytes.size());
-}
 template <typename Value>
 Bytes bytesOf(const Value& value) {
-    Bytes bytes(sizeof value);
-    std::memcpy(bytes.data(), &value, sizeof value);
-    return bytes;
-}
-inline std::basic_string<WCHAR> wide(const std::string& text) {
-    return {text.begin(), text.end()};
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(&value);
+    return {bytes, bytes + sizeof value};
 }
 /// With the terminator.
 inline Bytes wideBytes(const std::string& text) {
-    const auto characters = wide(text);
-    const auto* const bytes = reinterpret_cast<const unsigned char*>(characters.c_str());
-    return {bytes, bytes + (characters.size() + 1) * sizeof(WCHAR)};
+    Bytes bytes;
+    for (const char character : text + '\0') {
+        bytes.insert(bytes.end(), {static_cast<unsigned char>(character), 0});
+    }
+    return bytes;
 }
 
 /// Asks a function whose last arguments are the buffer, its size, the answer's size and flags.
@@ -119,6 +114,15 @@ public:
     [[nodiscard]] Bytes property(const KspKey& key, const WCHAR* name) const {
         return answer(0, table().GetKeyProperty, get(), key.get(), name);
     }
+    /// The file of a token key's public half.
+    [[nodiscard]] std::string publicKey(const Token& token, const KspKey& key) const {
+        const Bytes name = property(key, NCRYPT_NAME_PROPERTY);
+        std::string keyText;
+        for (std::size_t i = 0; i + 2 < name.size(); i += 2) {
+            keyText += static_cast<char>(name[i]);
+        }
+        return token.publicKey(keyText);
+    }
     [[nodiscard]] Code setProperty(const KspKey& key, const WCHAR* name, Bytes value) const {
         return outcome(table().SetKeyProperty(get(), key.get(), name, value.data(), sizeOf(value), 0));
     }
@@ -142,14 +146,29 @@ private:
     Owned<freeProvider> provider;
 };
 
-Bytes digestOf(const std::string& hash, const Bytes& data);
-/// A public blob as SubjectPublicKeyInfo (RFC 3279, RFC 5480) and back; the exponent of an RSA key is 65537.
-Bytes spkiOfBlob(const Kind& kind, const Bytes& blob);
-Bytes blobOfSpki(const Kind& kind, const Bytes& spki);
-/// Runs openssl's command for a signature of hash and padding, a PSS salt being as long as the digest.
-void dgst(const std::string& hash, DWORD padding, const std::vector<std::string>& arguments);
-/// openssl takes the document's signature under the public blob, which is as it should be.
-void expectAccepted(const Kind& kind, const Bytes& blob, const std::string& hash, DWORD padding,
-                    const Bytes& signature);
+inline const Bytes EXPONENT = {1, 0, 1};
+
+inline Bytes lastBytes(const Bytes& bytes, std::size_t size) {
+    return {bytes.end() - static_cast<std::ptrdiff_t>(size), bytes.end()};
+}
+
+inline Bytes digestOf(const std::string& hash, const Bytes& data) {
+    const ScratchFolder files;
+    return fromOpenssl({"dgst", "-" + hash, "-binary", files.write("in", data)});
+}
+/// A public key file as SubjectPublicKeyInfo, and that as the public blob; the exponent of an RSA key is 65537.
+inline Bytes spkiOf(const std::string& publicKeyFile) {
+    return fromOpenssl({"pkey", "-pubin", "-in", publicKeyFile, "-outform", "DER"});
+}
+
+inline Bytes blobOf(const Kind& kind, const Bytes& spki) {
+    if (kind.isRsa()) {
+        const BCRYPT_RSAKEY_BLOB header = {kind.magic, kind.bits, sizeOf(EXPONENT), kind.bytes(), 0, 0};
+        const Bytes end = lastBytes(spki, kind.bytes() + derInteger(EXPONENT).size());
+        return joined({bytesOf(header), EXPONENT, {end.begin(), end.begin() + static_cast<int>(kind.bytes())}});
+    }
+    const BCRYPT_ECCKEY_BLOB header = {kind.magic, kind.bytes()};
+    return joined({bytesOf(header), lastBytes(spki, std::size_t{2} * kind.bytes())});
+}
 
 }  // namespace test

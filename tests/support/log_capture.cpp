@@ -18,27 +18,14 @@ fs::path logFolder() {
     return fs::temp_directory_path() / "Halvane" / fs::path(program).stem();
 }
 
-std::uintmax_t logSize() {
-    std::uintmax_t size = 0;
-    std::error_code missing;
-    for (const fs::directory_entry& file : fs::directory_iterator(logFolder(), missing)) {
-        size += file.file_size();
-    }
-    return size;
-}
-
 /// The log from this position on. A run over midnight has two files, in the order of their names.
-std::string logFrom(std::uintmax_t start) {
+std::string logFrom(std::size_t start) {
     std::string text;
     std::error_code missing;
     for (const fs::directory_entry& file : fs::directory_iterator(logFolder(), missing)) {
-        const std::uintmax_t skipped = std::min(start, file.file_size());
-        start -= skipped;
-        std::ifstream stream(file.path(), std::ios::binary);
-        stream.seekg(static_cast<std::streamoff>(skipped));
-        text += (std::ostringstream() << stream.rdbuf()).str();
+        text += (std::ostringstream() << std::ifstream(file.path(), std::ios::binary).rdbuf()).str();
     }
-    return text;
+    return text.substr(std::min(start, text.size()));
 }
 
 Lines split(const std::string& text, char separator) {
@@ -83,7 +70,7 @@ std::string logFileText() {
 
 Lines logOf(const std::function<void()>& action) {
     fs::create_directories(logFolder());
-    const std::uintmax_t before = logSize();
+    const std::size_t before = logFileText().size();
     action();
     Lines log = split(logFrom(before), '\n');
     std::transform(log.begin(), log.end(), log.begin(), textOf);

@@ -17,46 +17,34 @@ namespace {
 constexpr char WAITING_SCRIPT[] =
     R"(out=$1; shift; "$@" >"$out" 2>&1 </dev/null; echo $? >"$out.tmp"; mv "$out.tmp" "$out.exit")";
 constexpr DWORD POLL_MILLISECONDS = 5;
-constexpr unsigned GRACE_SECONDS = 10;
-
-std::wstring wide(const std::string& text) {
-    std::wstring result(text.size(), L'\0');
-    result.resize(static_cast<std::size_t>(MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
-                                                               result.data(), static_cast<int>(result.size()))));
-    return result;
-}
+constexpr unsigned LIMIT_SECONDS = 30, GRACE_SECONDS = 10;
 
 /// One argument in the quotes of a Windows command line.
-std::wstring quoted(const std::string& argument) {
-    std::wstring result = L"\"";
+std::string quoted(const std::string& argument) {
+    std::string result = "\"";
     std::size_t backslashes = 0;
-    for (const wchar_t character : wide(argument)) {
-        result.append(character == L'"' ? backslashes + 1 : 0, L'\\');
-        backslashes = character == L'\\' ? backslashes + 1 : 0;
+    for (const char character : argument) {
+        result.append(character == '"' ? backslashes + 1 : 0, '\\');
+        backslashes = character == '\\' ? backslashes + 1 : 0;
         result += character;
     }
-    return result.append(backslashes, L'\\') + L"\"";
+    return result.append(backslashes, '\\') + "\"";
 }
 
 bool startNative(const std::vector<std::string>& command) {
-    std::wstring line;
+    std::string line;
     for (const std::string& argument : command) {
-        line += (line.empty() ? L"" : L" ") + quoted(argument);
+        line += (line.empty() ? "" : " ") + quoted(argument);
     }
-    STARTUPINFOW start = {};
+    STARTUPINFOA start = {};
     start.cb = sizeof start;
     PROCESS_INFORMATION process = {};
-    if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &start, &process)) {
+    if (!CreateProcessA(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &start, &process)) {
         return false;
     }
     CloseHandle(process.hThread);
     CloseHandle(process.hProcess);
     return true;
-}
-
-Bytes contentsOf(const std::string& path) {
-    std::ifstream file(std::filesystem::path(path), std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
 }  // namespace
@@ -68,23 +56,23 @@ std::string nativePath(const std::string& path) {
     if (convert == nullptr) {
         return path;
     }
-    char* const converted = convert(wide(path).c_str());
+    char* const converted = convert(std::filesystem::path(path).c_str());
     std::string result = converted == nullptr ? std::string() : converted;
     HeapFree(GetProcessHeap(), 0, converted);
     return result;
 }
 
-CommandResult runOpenssl(const std::vector<std::string>& arguments, unsigned timeoutSeconds) {
+CommandResult runOpenssl(const std::vector<std::string>& arguments) {
     const ScratchFolder scratch;
     std::vector<std::string> command = {
-        R"(\\?\unix\bin\sh)",           "-c",     WAITING_SCRIPT, "sh", scratch.nativeFile("out"), "timeout",
-        std::to_string(timeoutSeconds), "openssl"};
+        R"(\\?\unix\bin\sh)",          "-c",     WAITING_SCRIPT, "sh", scratch.nativeFile("out"), "timeout",
+        std::to_string(LIMIT_SECONDS), "openssl"};
     command.insert(command.end(), arguments.begin(), arguments.end());
     CommandResult result;
     if (!startNative(command)) {
         return result;
     }
-    const ULONGLONG end = GetTickCount64() + (timeoutSeconds + GRACE_SECONDS) * 1000ULL;
+    const ULONGLONG end = GetTickCount64() + (LIMIT_SECONDS + GRACE_SECONDS) * 1000ULL;
     while (!std::filesystem::exists(scratch.file("out.exit"))) {
         if (GetTickCount64() > end) {
             return result;
@@ -112,10 +100,6 @@ ScratchFolder::~ScratchFolder() {
     std::filesystem::remove_all(folder, ignored);
 }
 
-std::string ScratchFolder::file(const std::string& name) const {
-    return folder + "\\" + name;
-}
-
 std::string ScratchFolder::write(const std::string& name, const Bytes& contents) const {
     std::ofstream(std::filesystem::path(file(name)), std::ios::binary)
         .write(reinterpret_cast<const char*>(contents.data()), static_cast<std::streamsize>(contents.size()));
@@ -123,7 +107,8 @@ std::string ScratchFolder::write(const std::string& name, const Bytes& contents)
 }
 
 Bytes ScratchFolder::read(const std::string& name) const {
-    return contentsOf(file(name));
+    std::ifstream stream(std::filesystem::path(file(name)), std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
 }
 
 }  // namespace test

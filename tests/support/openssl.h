@@ -15,7 +15,7 @@ struct CommandResult {
 };
 
 /// Runs openssl with these arguments, each passed on exactly as it stands, and waits for its end.
-CommandResult runOpenssl(const std::vector<std::string>& arguments, unsigned timeoutSeconds = 30);
+CommandResult runOpenssl(const std::vector<std::string>& arguments);
 
 /// The path of a file of this program as openssl sees it.
 std::string nativePath(const std::string& path);
@@ -29,7 +29,7 @@ public:
     ScratchFolder& operator=(const ScratchFolder&) = delete;
 
     [[nodiscard]] const std::string& path() const { return folder; }
-    [[nodiscard]] std::string file(const std::string& name) const;
+    [[nodiscard]] std::string file(const std::string& name) const { return folder + "\\" + name; }
     [[nodiscard]] std::string nativeFile(const std::string& name) const { return nativePath(file(name)); }
 
     /// Writes a file and returns its native path.

@@ -8,7 +8,6 @@
 namespace test {
 namespace {
 
-constexpr int EDIT = 1001;
 constexpr DWORD GLANCE = 5;  // milliseconds between two looks at the desktop
 
 std::string textOf(HWND window) {
@@ -44,35 +43,6 @@ std::string describe(HWND window) {
 }
 
 }  // namespace
-
-UserStep logIn(const std::string& password) {
-    return {"dialog", [password](HWND dialog) {
-                typeText(dialog, password);
-                press(dialog, IDOK);
-            }};
-}
-
-UserStep cancel() {
-    return {"dialog", [](HWND dialog) { press(dialog, IDCANCEL); }};
-}
-
-UserStep box(const std::string& text) {
-    return {"box: " + text};
-}
-
-void typeText(HWND dialog, const std::string& text) {
-    for (const char character : text) {
-        SendDlgItemMessageA(dialog, EDIT, WM_CHAR, static_cast<unsigned char>(character), 0);
-    }
-}
-
-void press(HWND dialog, int button) {
-    SendDlgItemMessageA(dialog, button, BM_CLICK, 0, 0);
-}
-
-bool canLogIn(HWND dialog) {
-    return IsWindowEnabled(GetDlgItem(dialog, IDOK)) != FALSE;
-}
 
 PasswordUser::PasswordUser(std::vector<UserStep> todo) : steps(std::move(todo)), thread([this] { run(); }) {
 }

@@ -20,13 +20,28 @@ struct UserStep {
     std::function<void(HWND)> act = {};  ///< for a box nothing: its button is pressed
 };
 
-UserStep logIn(const std::string& password);  ///< types it and presses "Login"
-UserStep cancel();
-UserStep box(const std::string& text);
+constexpr int EDIT = 1001;
+inline void typeText(HWND dialog, const std::string& text) {  // '\b' deletes
+    for (const char character : text) {
+        SendDlgItemMessageA(dialog, EDIT, WM_CHAR, static_cast<unsigned char>(character), 0);
+    }
+}
+inline void press(HWND dialog, int button) {
+    SendDlgItemMessageA(dialog, button, BM_CLICK, 0, 0);
+}
+inline bool canLogIn(HWND dialog) {
+    return IsWindowEnabled(GetDlgItem(dialog, IDOK)) != FALSE;
+}
 
-void typeText(HWND dialog, const std::string& text);  ///< into the edit control; '\b' deletes
-void press(HWND dialog, int button);
-bool canLogIn(HWND dialog);
+inline UserStep logIn(const std::string& password) {  // types it and presses "Login"
+    return {"dialog", [=](HWND dialog) { (typeText(dialog, password), press(dialog, IDOK)); }};
+}
+inline UserStep cancel() {
+    return {"dialog", [](HWND dialog) { press(dialog, IDCANCEL); }};
+}
+inline UserStep box(const std::string& text) {
+    return {"box: " + text};
+}
 
 class PasswordUser {
 public:

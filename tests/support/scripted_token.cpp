@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -24,90 +23,6 @@ void replaceBlock(void* from, void* to) {
 
 }  // namespace
 
-void ScriptedToken::reset() {
-    static_cast<TokenContent&>(*this) = {};
-    hashCount = 0;
-    const std::lock_guard guard(lock);
-    testThread = std::this_thread::get_id();
-    devices = {"T1"};
-    recorded = {};
-    script = {};
-}
-
-void ScriptedToken::on(const std::string& operation, std::vector<Answer> answers) {
-    const std::lock_guard guard(lock);
-    std::reverse(answers.begin(), answers.end());
-    script[operation] = std::move(answers);
-}
-
-void ScriptedToken::onResult(const std::string& operation, const std::vector<int>& results) {
-    std::vector<Answer> answers;
-    for (const int result : results) {
-        answers.push_back({.result = result});
-    }
-    on(operation, std::move(answers));
-}
-
-void ScriptedToken::setDevices(Lines serials) {
-    const std::lock_guard guard(lock);
-    devices = std::move(serials);
-}
-
-Lines ScriptedToken::takeCalls() {
-    const std::lock_guard guard(lock);
-    return std::exchange(recorded, {});
-}
-
-void ScriptedToken::holdPolls(bool held) {
-    const std::lock_guard guard(lock);
-    pollsHeld = held;
-    changed.notify_all();
-}
-
-bool ScriptedToken::waitForHeldPoll() {
-    std::unique_lock guard(lock);
-    return changed.wait_for(guard, std::chrono::seconds(10), [this] { return pollWaits; });
-}
-
-Answer ScriptedToken::enter(const std::string& operation, const Lines& arguments) {
-    // Lists that the library lends may change with its next call: what was not copied is lost.
-    std::memset(static_cast<void*>(lentKeyPairs.data()), 0xDD, lentKeyPairs.size() * sizeof(ZentokKeyPair));
-    std::memset(static_cast<void*>(lentAesKeys.data()), 0xDD, lentAesKeys.size() * sizeof(ZentokSymmetricKey));
-    std::string call = operation + "(";
-    for (const std::string& argument : arguments) {
-        call += (call.back() == '(' ? "" : ", ") + argument;
-    }
-    Answer answer;
-    {
-        const std::lock_guard guard(lock);
-        recorded.push_back(call + ")");
-        if (std::vector<Answer>& answers = script[operation]; !answers.empty()) {
-            answer = answers.back();
-            if (answers.size() > 1) {
-                answers.pop_back();
-            }
-        }
-    }
-    if (answer.during) {
-        answer.during();
-    }
-    return answer;
-}
-
-Lines ScriptedToken::poll(const Lines& arguments) {
-    if (std::this_thread::get_id() == testThread) {
-        enter("getConnectedDeviceList", arguments);
-    }
-    std::unique_lock guard(lock);
-    if (std::this_thread::get_id() != testThread) {
-        pollWaits = pollsHeld;
-        changed.notify_all();
-        changed.wait(guard, [this] { return !pollsHeld; });
-        pollWaits = false;
-    }
-    return devices;
-}
-
 ScriptedToken& token() {
     static auto* const instance = new ScriptedToken;  // outlives the monitor thread
     return *instance;
@@ -115,47 +30,6 @@ ScriptedToken& token() {
 
 int unfreedBlocks() {
     return static_cast<int>(g_blocks.size()) - static_cast<int>(std::count(g_blocks.begin(), g_blocks.end(), nullptr));
-}
-
-Bytes filled(std::size_t size, unsigned char first) {
-    Bytes bytes(size);
-    for (unsigned char& byte : bytes) {
-        byte = first++;
-    }
-    return bytes;
-}
-
-std::string hex(const Bytes& bytes) {
-    std::string text;
-    for (const unsigned char byte : bytes) {
-        text += "0123456789ABCDEF"[byte >> 4];
-        text += "0123456789ABCDEF"[byte & 15];
-    }
-    return text;
-}
-
-std::string idText(unsigned char id) {
-    return hex(Bytes(16, id));
-}
-
-ZentokKeyPair keyPair(unsigned char id, int usage, int type, const std::string& alias, const Bytes& publicKey) {
-    ZentokKeyPair key = {};
-    std::fill(std::begin(key.credentialId), std::end(key.credentialId), id);
-    std::copy(publicKey.begin(), publicKey.end(), key.publicKey);
-    key.publicKeyLength = static_cast<int>(publicKey.size());
-    alias.copy(key.alias, sizeof key.alias - 1);
-    key.keyUsage = usage;
-    key.keyType = type;
-    return key;
-}
-
-TokenInfo tokenInfo(const std::string& modelVersion, int ssoEnabled, int ssoValidated) {
-    TokenInfo info;
-    info.text1 = "answers";
-    info.modelVersion = modelVersion;
-    info.ssoEnabled = ssoEnabled;
-    info.ssoValidated = ssoValidated;
-    return info;
 }
 
 namespace {

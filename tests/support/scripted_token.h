@@ -2,7 +2,10 @@
 // arguments and answers as a test told it to, wrong and late answers included. Operations are named without "zentok_".
 #pragma once
 
+#include <algorithm>
+#include <chrono>
 #include <condition_variable>
+#include <cstring>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -45,28 +48,94 @@ struct TokenContent {
 class ScriptedToken : public TokenContent {
 public:
     /// Forgets calls and script: the one token "T1" is connected, has no keys, and every operation succeeds.
-    void reset();
+    void reset() {
+        static_cast<TokenContent&>(*this) = {};
+        hashCount = 0;
+        const std::lock_guard guard(lock);
+        testThread = std::this_thread::get_id();
+        devices = {"T1"};
+        recorded = {};
+        script = {};
+    }
 
     /// The answers of one operation's next calls; the last one stays for all that follow.
-    void on(const std::string& operation, std::vector<Answer> answers);
-    void onResult(const std::string& operation, const std::vector<int>& results);
+    void on(const std::string& operation, std::vector<Answer> answers) {
+        const std::lock_guard guard(lock);
+        std::reverse(answers.begin(), answers.end());
+        script[operation] = std::move(answers);
+    }
+    void onResult(const std::string& operation, const std::vector<int>& results) {
+        std::vector<Answer> answers;
+        for (const int result : results) {
+            answers.push_back({.result = result});
+        }
+        on(operation, std::move(answers));
+    }
 
-    void setDevices(Lines serials);
+    void setDevices(Lines serials) {
+        const std::lock_guard guard(lock);
+        devices = std::move(serials);
+    }
 
     /// The calls since the last take, each as "initDevice('T1', 0, null)": texts in quotes, bytes in hexadecimal, a
     /// buffer to be filled as out[room], a null pointer as null, flags as 0 and 1, a running hash by its number.
     /// Without the polls of other threads.
-    Lines takeCalls();
+    Lines takeCalls() {
+        const std::lock_guard guard(lock);
+        return std::exchange(recorded, {});
+    }
 
     /// Polls for connected devices by other threads than the one that called reset. While held they wait inside the
     /// call.
-    void holdPolls(bool held);
+    void holdPolls(bool held) {
+        const std::lock_guard guard(lock);
+        pollsHeld = held;
+        changed.notify_all();
+    }
     /// Waits until a poll is held; false after some seconds.
-    bool waitForHeldPoll();
+    bool waitForHeldPoll() {
+        std::unique_lock guard(lock);
+        return changed.wait_for(guard, std::chrono::seconds(10), [this] { return pollWaits; });
+    }
 
     // For the operations themselves.
-    Answer enter(const std::string& operation, const Lines& arguments);
-    Lines poll(const Lines& arguments);
+    Answer enter(const std::string& operation, const Lines& arguments) {
+        // Lists that the library lends may change with its next call: what was not copied is lost.
+        std::memset(static_cast<void*>(lentKeyPairs.data()), 0xDD, lentKeyPairs.size() * sizeof(ZentokKeyPair));
+        std::memset(static_cast<void*>(lentAesKeys.data()), 0xDD, lentAesKeys.size() * sizeof(ZentokSymmetricKey));
+        std::string call = operation + "(";
+        for (const std::string& argument : arguments) {
+            call += (call.back() == '(' ? "" : ", ") + argument;
+        }
+        Answer answer;
+        {
+            const std::lock_guard guard(lock);
+            recorded.push_back(call + ")");
+            if (std::vector<Answer>& answers = script[operation]; !answers.empty()) {
+                answer = answers.back();
+                if (answers.size() > 1) {
+                    answers.pop_back();
+                }
+            }
+        }
+        if (answer.during) {
+            answer.during();
+        }
+        return answer;
+    }
+    Lines poll(const Lines& arguments) {
+        if (std::this_thread::get_id() == testThread) {
+            enter("getConnectedDeviceList", arguments);
+        }
+        std::unique_lock guard(lock);
+        if (std::this_thread::get_id() != testThread) {
+            pollWaits = pollsHeld;
+            changed.notify_all();
+            changed.wait(guard, [this] { return !pollsHeld; });
+            pollWaits = false;
+        }
+        return devices;
+    }
     std::vector<ZentokKeyPair> lentKeyPairs;
     std::vector<ZentokSymmetricKey> lentAesKeys;
     unsigned hashCount = 0;
@@ -88,11 +157,44 @@ ScriptedToken& token();
 int unfreedBlocks();
 
 // Material for scripts and expectations.
-Bytes filled(std::size_t size, unsigned char first = 0);  ///< first, first + 1, ...
-std::string hex(const Bytes& bytes);
-std::string idText(unsigned char id);  ///< key text of the credential id that is 16 times `id`
-ZentokKeyPair keyPair(unsigned char id, int usage, int type, const std::string& alias = "",
-                      const Bytes& publicKey = {});
-TokenInfo tokenInfo(const std::string& modelVersion, int ssoEnabled = 0, int ssoValidated = 0);
+/// first, first + 1, ...
+inline Bytes filled(std::size_t size, unsigned char first = 0) {
+    Bytes bytes(size);
+    for (unsigned char& byte : bytes) {
+        byte = first++;
+    }
+    return bytes;
+}
+inline std::string hex(const Bytes& bytes) {
+    std::string text;
+    for (const unsigned char byte : bytes) {
+        text += "0123456789ABCDEF"[byte >> 4];
+        text += "0123456789ABCDEF"[byte & 15];
+    }
+    return text;
+}
+/// key text of the credential id that is 16 times `id`
+inline std::string idText(unsigned char id) {
+    return hex(Bytes(16, id));
+}
+inline ZentokKeyPair keyPair(unsigned char id, int usage, int type, const std::string& alias = "",
+                             const Bytes& publicKey = {}) {
+    ZentokKeyPair key = {};
+    std::fill(std::begin(key.credentialId), std::end(key.credentialId), id);
+    std::copy(publicKey.begin(), publicKey.end(), key.publicKey);
+    key.publicKeyLength = static_cast<int>(publicKey.size());
+    alias.copy(key.alias, sizeof key.alias - 1);
+    key.keyUsage = usage;
+    key.keyType = type;
+    return key;
+}
+inline TokenInfo tokenInfo(const std::string& modelVersion, int ssoEnabled = 0, int ssoValidated = 0) {
+    TokenInfo info;
+    info.text1 = "answers";
+    info.modelVersion = modelVersion;
+    info.ssoEnabled = ssoEnabled;
+    info.ssoValidated = ssoValidated;
+    return info;
+}
 
 }  // namespace test

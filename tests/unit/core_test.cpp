@@ -1,4 +1,5 @@
 // The parts that both fronts stand on, each in a few strokes.
+#include <algorithm>
 #include <ctime>
 #include <filesystem>
 #include <regex>
@@ -7,6 +8,7 @@
 #include "core/container_map.h"
 #include "core/firmware_policy.h"
 #include "core/log.h"
+#include "core/wide_text.h"
 #include "tests/unit/provider_test.h"
 
 namespace test {
@@ -31,6 +33,23 @@ TEST_F(CoreTest, ContainerResolution) {
     resolves("T1|T2", std::string(31, 'B'), "T1", "T1", 3);
     resolves("T1|T2", "SECOND KEY", "T1", "T2", 3);
     resolves("T2|T1", "Shared", "T2", "T2", 2);
+}
+
+TEST_F(CoreTest, ContainerEntries) {
+    std::string full;  // as much as is read
+    while (full.size() < 1024) {
+        full += AA + ",";
+    }
+    full.resize(1024);
+    const std::tuple<std::string, DWORD, bool> rows[] = {{",," + AA + ",,,", REG_SZ, true}, {full, REG_SZ, true},
+                                                         {full + ",", REG_SZ, false},       {",,,", REG_SZ, false},
+                                                         {AA, REG_MULTI_SZ, false},         {full, REG_BINARY, false}};
+    for (const auto& [data, type, isRead] : rows) {  // the platform would take a terminator that stands behind
+        RegSetKeyValueW(HKEY_CURRENT_USER, TEXT("SOFTWARE\\Zentok\\CSP\\Containers"), TEXT("box"), type,
+                        widened(data + "x").c_str(), static_cast<DWORD>(sizeof(WCHAR) * data.size()));
+        const Lines keys = readContainerKeys("box");
+        EXPECT_EQ(std::count(keys.begin(), keys.end(), AA) != 0, isRead) << data;
+    }
 }
 
 TEST_F(CoreTest, ClassesVersionsAndAlgorithms) {
@@ -70,7 +89,8 @@ TEST_F(CoreTest, FirmwareRules) {
     };
     for (const auto& [modelVersion, rule, log, calls, event] : rows) {
         token().infos["T1"] = tokenInfo(modelVersion);
-        expect(rule, log.starts_with("!") ? ANY_CODE : 0, log, calls);  // with nobody watching
+        expect(rule, log.starts_with("!") ? ANY_CODE : 0, log,
+               calls);  // with nobody watching
         for (const std::string name : {"Sha1", "Md5", "Pkcs1Decrypt"}) {
             const HANDLE watched = CreateEventA(nullptr, 0, 0, ("Global\\ZentokDSC_Fips" + name + "Blocked").c_str());
             rule();
@@ -118,9 +138,6 @@ TEST_F(CoreTest, TextAndNumbers) {
               "0F100ABC");
     EXPECT_EQ(bytesToHex(hexToBytes("009AFF").data(), 3), "009AFF");
     EXPECT_EQ(hex(intToBigEndianBytes(-1, 3)) + hex(intToBigEndianBytes(0x1020304, 2)), "0000000304");
-    const std::basic_string<WCHAR> names[] = {keySizeToCngEccAlgorithm(4, 1), keySizeToCngEccAlgorithm(5, 2),
-                                              keySizeToCngEccAlgorithm(7, 3)};
-    EXPECT_TRUE(names[0] == TEXT("RSA") && names[1] == TEXT("ECDH_P256") && names[2] == TEXT("ECDSA_P521"));
     EXPECT_TRUE(keySizeToBits(0) == 0 && keySizeToBits(1) == 1024 && keySizeToBits(7) == 521 && keySizeToBits(8) == 0);
     const std::string modulus = hex(filled(256, 0x80)),
                       head = "30820122300D06092A864886F70D01010105000382010F003082010A02";

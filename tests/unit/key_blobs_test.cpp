@@ -10,23 +10,10 @@ namespace {
 
 constexpr auto BAD_DATA = static_cast<DWORD>(NTE_BAD_DATA);
 
-const std::string AA = idText(0xAA);
 const std::string PLAIN = "PLAINTEXTKEYBLOB imported successfully (AES)";
 const std::string WRAPPED = "SYMMETRICWRAPKEYBLOB imported successfully";
 const std::string SIMPLE = "Output key id : " + idText(0) + "|SIMPLEBLOB imported successfully (AES)";
 const std::string TOO_LONG = "!CPImportKey: AES key of ";
-
-/// `words` little-endian, and `data` behind them.
-Bytes blob(const std::vector<std::uint32_t>& words, const Bytes& data = {}) {
-    Bytes bytes;
-    for (const std::uint32_t word : words) {
-        for (const unsigned shift : {0U, 8U, 16U, 24U}) {
-            bytes.push_back(static_cast<unsigned char>(word >> shift));
-        }
-    }
-    bytes.insert(bytes.end(), data.begin(), data.end());
-    return bytes;
-}
 
 class KeyBlobsTest : public ProviderTest {
 protected:
@@ -38,19 +25,14 @@ protected:
     /// One import, held against what it logs behind the lines that all have; the key that comes of it.
     KEY_HANDLE import(const Bytes& bytes, DWORD failure, const std::string& log, const std::string& calls = "") {
         HCRYPTKEY handle = 0x1234;
-        const auto call = [&] {
-            return CPImportKey(handleOf(on), bytes.data(), static_cast<DWORD>(bytes.size()), handleOf(wrapping), 7,
-                               &handle) != FALSE;
-        };
+        const auto size = static_cast<DWORD>(bytes.size());
         const Bytes header = blob({}, {bytes.begin(), bytes.begin() + 8});
         const std::uint32_t algorithm = header[4] | header[5] << 8U | header[6] << 16U;
-        expect(call, failure,
-               "CPImportKey|Input length : " + std::to_string(bytes.size()) +
-                   "|Input flag : 7|CPImportKey - input type : " + std::to_string(header[0]) +
-                   "|CPImportKey - input version : 2|CPImportKey - input alg : " + std::to_string(algorithm) +
-                   "|CPImportKey - input data length : " + std::to_string(static_cast<int>(bytes.size()) - 12) + "|" +
-                   log,
-               calls);
+        CALL(CPImportKey(handleOf(on), bytes.data(), size, handleOf(wrapping), 7, &handle), failure,
+             "Input length : " + std::to_string(size) + "|Input flag : 7|@ - input type : " +
+                 std::to_string(header[0]) + "|@ - input version : 2|@ - input alg : " + std::to_string(algorithm) +
+                 "|@ - input data length : " + std::to_string(static_cast<int>(size) - 12) + "|" + log,
+             calls);
         EXPECT_EQ(handle == 0x1234, failure != 0);
         const std::unique_ptr<KEY_HANDLE> key(failure == 0 ? recordOf<KEY_HANDLE>(handle) : nullptr);
         EXPECT_TRUE(key == nullptr || (key->mode == 1 && key->credentialIdLength == 16));
@@ -83,19 +65,15 @@ TEST_F(KeyBlobsTest, ImportChecks) {
 
 TEST_F(KeyBlobsTest, ImportPublicKey) {
     const std::string exponent = "Public exponent : 010001|";
-    for (const unsigned keyType : {1U, 2U, 3U, 4U}) {
-        const unsigned bits = keyType * 1024;
-        Bytes modulus = filled(bits / 8, 0x81);
-        Bytes bytes = blob({0x0206, 0xA400, 0x31415352, bits, 65537}, modulus);
-        const std::string sizes = std::to_string(bytes.size() - 1) + " required=" + std::to_string(bytes.size());
-        import({bytes.begin(), bytes.end() - 1}, BAD_DATA,
-               "!CPImportKey PUBLICKEYBLOB: size mismatch, cbDataLen=" + sizes);
-        bytes.push_back(9);
-        const KEY_HANDLE key = import(bytes, 0, exponent + "PUBLICKEYBLOB imported successfully");
-        std::reverse(modulus.begin(), modulus.end());
-        const Bytes der = rsaPublicKeyBytesToSpki(modulus, Bytes{1, 0, 1});
-        EXPECT_TRUE(std::ranges::equal(key.publicKeyBytes(), der) && key.algId == keyType && key.bitSize == bits);
-    }
+    Bytes modulus = filled(384, 0x81);
+    Bytes bytes = blob({0x0206, 0xA400, 0x31415352, 3072, 65537}, modulus);
+    import({bytes.begin(), bytes.end() - 1}, BAD_DATA,
+           "!CPImportKey PUBLICKEYBLOB: size mismatch, cbDataLen=403 required=404");
+    bytes.push_back(9);
+    const KEY_HANDLE key = import(bytes, 0, exponent + "PUBLICKEYBLOB imported successfully");
+    std::reverse(modulus.begin(), modulus.end());
+    const Bytes der = rsaPublicKeyBytesToSpki(modulus, Bytes{1, 0, 1});
+    EXPECT_TRUE(std::ranges::equal(key.publicKeyBytes(), der) && key.algId == 3 && key.bitSize == 3072);
     import(blob({0x0206, 0xA400, 0x31415352, 2000, 65537}, Bytes(250)), BAD_DATA,
            exponent + "!Unsupported RSA key size");
     import(blob({0x0206, 0xA400, 0x31415352, 0xFFFFFFFF, 3}), BAD_DATA,
@@ -128,20 +106,16 @@ TEST_F(KeyBlobsTest, ImportSimpleBlob) {
 }
 
 TEST_F(KeyBlobsTest, ImportOntoToken) {
-    ZentokSymmetricKey record = {};
+    ZentokSymmetricKey& record = token().importedAesKey;
     std::fill(std::begin(record.credentialId), std::end(record.credentialId), '\xBB');
     std::fill(std::begin(record.alias), std::end(record.alias), 'n');
     record.keyLabelLength = 128;
-    record.keyUsage = 3;
-    record.tokenFlag = true;
-    token().importedAesKey = record;
     const auto stores = [](const Bytes& key, int keyType) {
         return "importAesKey('T1', '', " + hex(key) + ", " + std::to_string(keyType) + ", null)";
     };
     const auto copied = [&](const KEY_HANDLE& key, ALG_ID algorithm) {
         return key.algId == algorithm && key.credentialId[15] == 0xBB && key.keyLabelLength == 128 &&
-               key.keyUsage == 3 && key.tokenFlag && std::string(key.alias) == std::string(128, 'n') &&
-               key.symmetricKeyLength == 0;
+               std::string(key.alias) == std::string(128, 'n') && key.symmetricKeyLength == 0;
     };
     const Bytes aes = filled(16, 5);
     EXPECT_TRUE(copied(import(blob({0x0208, 0x660E, 99}, aes), 0, PLAIN, stores(aes, 8)), 0x660E));
@@ -176,7 +150,7 @@ TEST_F(KeyBlobsTest, ImportOntoToken) {
     unwraps({.result = 2}, BAD_KEY, searched + none);
     unwraps({.length = -1}, DLL_FAIL, found + "!CPImportKey: the token library gave a key of -1 bytes");
     unwraps({.output = filled(129)}, BAD_DATA, found + TOO_LONG + "129 bytes is too long");
-    token().importedAesKey.keyLabelLength = 129;
+    record.keyLabelLength = 129;
     unwraps({.output = aes}, DLL_FAIL,
             found + "!CPImportKey: the token library gave AES key " + idText(0xBB) + " with keyLabelLength=129",
             "|importAesKey");
@@ -186,52 +160,40 @@ TEST_F(KeyBlobsTest, ImportOntoToken) {
 }
 
 TEST_F(KeyBlobsTest, Export) {
-    const std::string keys = "getKeyPairList('T1', null)";
-    const std::string failed = "|Exportkey return status : 0";
-    const std::string tooSmall = "!ExportPublicKeyComponents: output buffer too small, required=84" + failed;
-    RimmedBuffer buffer(84);
-    DWORD length = 84;
-    DWORD lastError = 0;
-    const auto exports = [&](DWORD type, const KEY_HANDLE* key, BYTE* data, DWORD failure, const std::string& log,
-                             const std::string& calls = "") {
-        const auto call = [&] {
-            const bool result = CPExportKey(handleOf(on), handleOf(key), 5, type, 7, data, &length) != FALSE;
-            lastError = GetLastError();
-            return result;
-        };
-        expect(call, failure, "CPExportKey|dwBlobType : " + std::to_string(type) + "|dwFlags : 7|" + log, calls);
-    };
-    exports(7, &privateKey, nullptr, ERROR_ACCESS_DENIED, "!CPExportKey: PRIVATEKEYBLOB export denied");
-    exports(1, &privateKey, nullptr, BAD_TYPE, "!CPExportKey: unsupported dwBlobType=1");
-    exports(6, nullptr, nullptr, ERROR_INVALID_PARAMETER, "!CPExportKey: hKey or pcbData is null");
-    exports(6, &privateKey, nullptr, BAD_KEY, "!ExportPublicKeyComponents: key list is empty" + failed, keys);
-    token().keyPairs["T1"] = {keyPair(0xBB, 1, 2)};
-    exports(6, &privateKey, nullptr, BAD_KEY, "!ExportPublicKeyComponents: matching key not found in key list" + failed,
-            keys);
     const Bytes modulus = filled(64, 0x30);
-    for (const int keyType : {0, 5}) {
-        token().keyPairs["T1"] = {keyPair(0xAA, 1, keyType, "", modulus)};
-        exports(6, &privateKey, nullptr, BAD_TYPE,
-                "!ExportPublicKeyComponents: key algorithm is not RSA, cannot export as PUBLICKEYBLOB" + failed, keys);
-    }
+    const std::string keys = "getKeyPairList('T1', null)", what = "!ExportPublicKeyComponents: ";
+    RimmedBuffer buffer(84);
+    const auto exports = [&](DWORD type, DWORD room, DWORD failure, const std::string& log) {
+        DWORD length = room;
+        BYTE* const data = room != 0 ? buffer.data() : nullptr;
+        CALL(CPExportKey(handleOf(on), handleOf(&privateKey), 5, type, 7, data, &length), failure,
+             "dwBlobType : " + std::to_string(type) + "|dwFlags : 7|" + log +
+                 (type != 6 ? "" : "|Exportkey return status : ") +
+                 (type != 6      ? ""
+                  : failure == 0 ? "1"
+                                 : "0"),
+             type == 6 ? keys : "");
+        EXPECT_EQ(length, room == 83 || failure == 0 ? 84 : room);
+    };
+    exports(7, 0, ERROR_ACCESS_DENIED, "!@: PRIVATEKEYBLOB export denied");
+    exports(1, 0, BAD_TYPE, "!@: unsupported dwBlobType=1");
+    exports(6, 0, BAD_KEY, what + "key list is empty");
+    token().keyPairs["T1"] = {keyPair(0xBB, 1, 2)};
+    exports(6, 0, BAD_KEY, what + "matching key not found in key list");
+    token().keyPairs["T1"] = {keyPair(0xAA, 1, 5, "", modulus)};
+    exports(6, 0, BAD_TYPE, what + "key algorithm is not RSA, cannot export as PUBLICKEYBLOB");
     token().keyPairs["T1"] = {keyPair(0xBB, 1, 2), keyPair(0xAA, 1, 4, "", modulus)};
-    length = 83;
-    exports(6, &privateKey, buffer.data(), ERROR_MORE_DATA, tooSmall, keys);
-    EXPECT_EQ(std::exchange(length, 0), 84U);
-    exports(6, &privateKey, nullptr, 0, "Emport public key more data required|Exportkey return status : 1", keys);
-    EXPECT_TRUE(length == 84 && lastError == ERROR_MORE_DATA);
-    exports(6, &privateKey, buffer.data(), 0, "key usage : 41984|Exportkey return status : 1", keys);
+    exports(6, 83, ERROR_MORE_DATA, what + "output buffer too small, required=84");
+    exports(6, 0, 0, "Emport public key more data required");
+    DWORD asked = 0;
+    EXPECT_TRUE(CPExportKey(handleOf(on), handleOf(&privateKey), 5, 6, 7, nullptr, &asked) &&
+                GetLastError() == ERROR_MORE_DATA);
+    exports(6, 84, 0, "key usage : 41984");
     EXPECT_EQ(buffer.first(84), blob({0x0206, 0xA400, 0x31415352, 512, 65537}, {modulus.rbegin(), modulus.rend()}));
-    EXPECT_TRUE(length == 84 && lastError == 0);
     for (const int lie : {-1, 1025}) {
         token().keyPairs["T1"][1].publicKeyLength = lie;
-        exports(6, &privateKey, nullptr, DLL_FAIL,
-                "!ExportPublicKeyComponents: the token library gave a public key of " + std::to_string(lie) + " bytes" +
-                    failed,
-                keys);
+        exports(6, 0, DLL_FAIL, what + "the token library gave a public key of " + std::to_string(lie) + " bytes");
     }
-    on = &UNINITIALISED;
-    exports(7, &privateKey, nullptr, BAD_UID, "!CPExportKey: context is null or not initialized");
 }
 
 }  // namespace

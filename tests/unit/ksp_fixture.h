@@ -12,19 +12,21 @@
 
 namespace test {
 
-constexpr auto INVALID_HANDLE = static_cast<DWORD>(NTE_INVALID_HANDLE);
-constexpr auto INVALID_PARAMETER = static_cast<DWORD>(NTE_INVALID_PARAMETER);
-constexpr auto TOO_SMALL = static_cast<DWORD>(NTE_BUFFER_TOO_SMALL);
-constexpr auto NOT_SUPPORTED = static_cast<DWORD>(NTE_NOT_SUPPORTED);
-constexpr auto INTERNAL_ERROR = static_cast<DWORD>(NTE_INTERNAL_ERROR);
-constexpr auto BAD_DATA = static_cast<DWORD>(NTE_BAD_DATA);
+constexpr DWORD INVALID_HANDLE = lastError(NTE_INVALID_HANDLE), INVALID_PARAMETER = lastError(NTE_INVALID_PARAMETER);
+constexpr DWORD TOO_SMALL = lastError(NTE_BUFFER_TOO_SMALL), NOT_SUPPORTED = lastError(NTE_NOT_SUPPORTED);
+constexpr DWORD INTERNAL_ERROR = lastError(NTE_INTERNAL_ERROR), BAD_DATA = lastError(NTE_BAD_DATA);
 
 inline bool succeeds(SECURITY_STATUS status) {
     SetLastError(static_cast<DWORD>(status));
     return status == ERROR_SUCCESS;
 }
 
-const std::string AA = idText(0xAA);
+/// CALL for a function that gives a status.
+#define KSP_CALL(call, ...) Entry(#call)([&] { return succeeds(call); }, __VA_ARGS__)
+inline BYTE* input(const Bytes& bytes) {
+    return const_cast<BYTE*>(bytes.data());
+}
+
 const std::string KSP_CACHED = "KSP: PIN already validated";
 const std::string KSP_ASKS = "KSP: Password not validated, checking SSO|" + ONE_DIALOG;
 const std::string KSP_CANCELLED = "|KSP: User cancelled password dialog";
@@ -57,6 +59,7 @@ protected:
     }
 
     KSP_PROVIDER provider;
+    const NCRYPT_PROV_HANDLE prov = handleOf(&provider);
     const KSP_PROVIDER unopened;
     RimmedBuffer buffer{300};
     DWORD length = UNTOUCHED;

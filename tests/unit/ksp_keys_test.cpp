@@ -1,3 +1,4 @@
+// Key objects of the key storage provider, from the token and from blobs.
 #include <memory>
 
 #include "core/container_map.h"
@@ -18,9 +19,8 @@ ZentokKeyPair fullRecord(unsigned char id, int usage, int type) {
 }
 
 void expectCopied(const KSP_KEY& key, unsigned char id, std::uint32_t type, std::uint32_t usage, std::uint32_t bits) {
-    EXPECT_EQ(keyText(key.credentialId), idText(id));
+    EXPECT_EQ(keyText(key.credentialId) + std::string(key.alias, sizeof key.alias), idText(id) + std::string(128, 'n'));
     EXPECT_EQ(Bytes(key.publicKey, key.publicKey + key.publicKeyLength), filled(300, id));
-    EXPECT_EQ(std::string(key.alias, sizeof key.alias), std::string(128, 'n'));
     EXPECT_TRUE(key.credentialIdLength == 16 && key.keyLabelLength == 128 && key.keyLabel[127] == id && key.tokenFlag);
     EXPECT_TRUE(key.keyType == type && key.keyUsage == usage && key.bitSize == bits);
 }
@@ -29,9 +29,7 @@ using KspKeysTest = KspTest;
 
 TEST_F(KspKeysTest, Open) {
     NCRYPT_KEY_HANDLE handle = 0;
-    const auto open = [&](const std::string& name) {
-        return KSPOpenKey(handleOf(&provider), &handle, widened(name).c_str(), 1, 7);
-    };
+    const auto open = [&](const std::string& name) { return KSPOpenKey(prov, &handle, widened(name).c_str(), 1, 7); };
     token().setDevices({"T1", "T2"});
     EXPECT_EQ(open(AA), NTE_NO_KEY) << "no key at all";
     token().keyPairs["T1"] = {fullRecord(0xAA, 1, 2)};
@@ -47,10 +45,9 @@ TEST_F(KspKeysTest, Open) {
         {idText(0xBB), 0xCC, "|KSP: Resolved key to device: T2" + onT2 + found + "5 bits=256"},
         {std::string(32, 'a'), 0, onT1}};
     for (const auto& [name, id, log] : rows) {
-        expect([&, key = name] { return succeeds(open(key)); }, id != 0 ? 0 : NO_KEY,
-               "KSPOpenKey|KSP: Opening key: " + name + log +
-                   (id != 0 ? "" : "|!KSP: Input key not found on token: " + name),
-               ANY_CALLS);
+        KSP_CALL(KSPOpenKey(prov, &handle, widened(name).c_str(), 1, 7), id != 0 ? 0 : NO_KEY,
+                 "KSP: Opening key: " + name + log + (id != 0 ? "" : "|!KSP: Input key not found on token: " + name),
+                 ANY_CALLS);
         if (id != 0) {
             const std::unique_ptr<KSP_KEY> key(recordOf<KSP_KEY>(handle));
             EXPECT_EQ(keyText(key->credentialId), idText(id));
@@ -67,57 +64,153 @@ TEST_F(KspKeysTest, Open) {
 
 TEST_F(KspKeysTest, CreateAndFinalize) {
     token().generatedKey = fullRecord(0xCC, 3, 4);  // what the token makes is its own affair
-    const struct {
-        const WCHAR* algorithm;
-        DWORD spec, setBits;
-        std::uint32_t usage, type, bits;  // type 0: refused
-    } rows[] = {{TEXT("RSA"), 0, 0, 1, 2, 2048},       {TEXT("RSA"), 1, 3072, 2, 3, 3072},
-                {TEXT("RSA"), 2, 4096, 1, 4, 4096},    {TEXT("RSA"), 0, 1500, 1, 2, 1500},
-                {TEXT("RSA"), 0, 1024, 1, 0, 0},       {TEXT("ECDSA_P256"), 1, 9, 1, 5, 256},
-                {TEXT("ECDSA_P384"), 0, 0, 1, 6, 384}, {TEXT("ECDH_P521"), 0, 0, 2, 7, 521}};
-    for (const auto& row : rows) {
+    // The algorithm, the key spec and the size asked for; usage, type (0: refused) and size of the
+    // result.
+    const std::tuple<const WCHAR*, DWORD, DWORD, std::uint32_t, std::uint32_t, std::uint32_t> rows[] = {
+        {TEXT("RSA"), 0, 0, 1, 2, 2048}, {TEXT("RSA"), 1, 3072, 2, 3, 3072},    {TEXT("RSA"), 0, 1500, 1, 2, 1500},
+        {TEXT("RSA"), 0, 1024, 1, 0, 0}, {TEXT("ECDSA_P256"), 1, 9, 1, 5, 256}, {TEXT("ECDH_P521"), 0, 0, 2, 7, 521}};
+    for (const auto& [algorithm, spec, setBits, usage, type, bits] : rows) {
         NCRYPT_KEY_HANDLE handle = 0;
-        ASSERT_EQ(KSPCreatePersistedKey(handleOf(&provider), &handle, row.algorithm, TEXT("any"), row.spec, 0x80), 0);
+        ASSERT_EQ(KSPCreatePersistedKey(prov, &handle, algorithm, TEXT("any"), spec, 0x80), 0);
         const std::unique_ptr<KSP_KEY> key(recordOf<KSP_KEY>(handle));
-        key->bitSize = row.setBits;
-        const auto finalize = [&] { return succeeds(KSPFinalizeKey(handleOf(&provider), handle, 7)); };
-        if (row.type == 0) {
-            EXPECT_FALSE(finalize());
+        key->bitSize = setBits;
+        if (type == 0) {
+            EXPECT_NE(KSPFinalizeKey(prov, handle, 7), 0);
             continue;
         }
-        const std::string log = "KSPFinalizeKey|" + KSP_CACHED +
-                                "|KSP: FinalizeKey - generating key, algorithm=" + std::to_string(row.type) +
-                                " bitSize=" + std::to_string(row.bits);
-        const std::string call = "generateKeyPair('T1', '1234', 'all else zero', " + std::to_string(row.usage) + ", " +
-                                 std::to_string(row.type) + ", null)";
+        const std::string log = KSP_CACHED + "|KSP: FinalizeKey - generating key, algorithm=" + std::to_string(type) +
+                                " bitSize=" + std::to_string(bits);
+        const std::string call = "generateKeyPair('T1', '1234', 'all else zero', " + std::to_string(usage) + ", " +
+                                 std::to_string(type) + ", null)";
         token().onResult("generateKeyPair", {-7, 0});
-        expect(finalize, INTERNAL_ERROR, log + "|!KSP: Key generation failed: -7", call);
-        expect(finalize, 0, log + "|KSP: Key finalized successfully", call);
-        expectCopied(*key, 0xCC, row.type, row.usage, row.bits);
-        expect(finalize, 0, "KSPFinalizeKey");
+        KSP_CALL(KSPFinalizeKey(prov, handle, 7), INTERNAL_ERROR, log + "|!KSP: Key generation failed: -7", call);
+        KSP_CALL(KSPFinalizeKey(prov, handle, 7), 0, log + "|KSP: Key finalized successfully", call);
+        expectCopied(*key, 0xCC, type, usage, bits);
+        KSP_CALL(KSPFinalizeKey(prov, handle, 7), 0, "");
     }
 }
 
-TEST_F(KspKeysTest, DeleteAndEnumerate) {
+TEST_F(KspKeysTest, Delete) {
     auto* key = new KSP_KEY(keyObject(2, 2048));
     key->tokenFlag = true;
-    const auto remove = [&] { return succeeds(KSPDeleteKey(handleOf(&provider), handleOf(key), 7)); };
     token().onResult("deleteKeyPair", {13, 0});
-    const std::string call = "deleteKeyPair('T1', " + AA + ", '1234', 1, null)";
-    EXPECT_FALSE(remove());
-    expect(remove, 0, "KSPDeleteKey|" + KSP_CACHED + "|KSP: Key deleted successfully", call);
+    EXPECT_NE(KSPDeleteKey(prov, handleOf(key), 7), 0);
+    KSP_CALL(KSPDeleteKey(prov, handleOf(key), 7), 0, KSP_CACHED + "|KSP: Key deleted successfully",
+             "deleteKeyPair('T1', " + AA + ", '1234', 1, null)");
+}
 
-    token().keyPairs["T1"] = {keyPair(0xAA, 1, 2), keyPair(0xBB, 2, 6)};
-    NCryptKeyName* item = nullptr;
-    void* state = nullptr;
-    const auto next = [&] { return KSPEnumKeys(handleOf(&provider), nullptr, &item, &state, 7); };
-    for (const auto& [id, algorithm] : {std::pair{AA, TEXT("RSA")}, {idText(0xBB), TEXT("ECDH_P384")}}) {
-        EXPECT_EQ(next(), 0);
-        EXPECT_TRUE(narrowed(item->pszName) == id && WideView(item->pszAlgid) == algorithm);
-        EXPECT_EQ(KSPFreeBuffer(item->pszName) | KSPFreeBuffer(item->pszAlgid) | KSPFreeBuffer(item), 0);
+constexpr DWORD RSA1 = 0x31415352, KDBM = 0x4D42444B;
+
+class KspBlobsTest : public KspTest {
+protected:
+    /// One import; `result` is "keyType bitSize keyUsage credentialIdLength publicKey/symmetricKey" of its object.
+    void imports(const WCHAR* type, const Bytes& data, DWORD failure, const std::string& log,
+                 const std::string& result = "", const std::string& calls = "") {
+        NCRYPT_KEY_HANDLE handle = 0;
+        const auto size = static_cast<DWORD>(data.size());
+        KSP_CALL(KSPImportKey(prov, handleOf(importKey), type, nullptr, &handle, input(data), size, 0), failure, log,
+                 calls);
+        imported.reset(recordOf<KSP_KEY>(handle));
+        std::string text;
+        if (const KSP_KEY* key = imported.get(); key != nullptr && key->finalized) {
+            for (const std::uint32_t number : {key->keyType, key->bitSize, key->keyUsage, key->credentialIdLength}) {
+                text += std::to_string(number) + " ";
+            }
+            text += hex({key->publicKey, key->publicKey + key->publicKeyLength}) + "/" +
+                    hex({key->symmetricKey, key->symmetricKey + key->symmetricKeyLength});
+        }
+        EXPECT_EQ(text, result);
     }
-    EXPECT_EQ(next(), NTE_NO_MORE_ITEMS);
-    EXPECT_EQ(KSPFreeBuffer(state), 0);
+    void exports(KSP_KEY* key, const WCHAR* type, DWORD room, DWORD failure, const std::string& log,
+                 const std::string& calls = "") {
+        BYTE* const out = room != 0 ? buffer.data() : nullptr;
+        KSP_CALL(KSPExportKey(prov, handleOf(key), 0, type, nullptr, out, room, &length, 0), failure, log, calls);
+    }
+    KSP_KEY* importKey = nullptr;
+    std::unique_ptr<KSP_KEY> imported;
+};
+
+TEST_F(KspBlobsTest, BadBlobs) {
+    const auto *const rsa = TEXT("RSAPUBLICBLOB"), *const ecc = TEXT("ECCPUBLICBLOB"), *const aes = TEXT("KeyDataBlob");
+    const std::string tooSmall = "data too small for key material";
+    const std::tuple<const WCHAR*, Bytes, std::string> rows[] = {
+        {rsa, filled(23), "BCRYPT_RSAPUBLIC_BLOB data too small"},
+        {rsa, blob({RSA1, 1024, ~0U, 5, 0, 0}, filled(4)), "BCRYPT_RSAPUBLIC_BLOB " + tooSmall},
+        {rsa, blob({RSA1, 1024, 0, 1025, 0, 0}, Bytes(1025)),
+         "BCRYPT_RSAPUBLIC_BLOB modulus too large, cbModulus=1025"},
+        {ecc, filled(7), "BCRYPT_ECCPUBLIC_BLOB too small"},
+        {ecc, blob({1, 0x80000000}), "BCRYPT_ECCPUBLIC_BLOB " + tooSmall},
+        {ecc, blob({0x31534345, 512}, Bytes(1024)), "BCRYPT_ECCPUBLIC_BLOB point too large, cbKey=512"},
+        {aes, filled(11), "BCRYPT_KEY_DATA_BLOB data too small for header"},
+        {aes, blob({KDBM, 1, ~0U}, filled(16)), "BCRYPT_KEY_DATA_BLOB " + tooSmall},
+        {TEXT("CAPIPUBLICBLOB"), filled(19), "LEGACY_RSAPUBLIC_BLOB data too small for header"},
+        {TEXT("CAPIPUBLICBLOB"), blob({0, 0, RSA1, 16, 3}, {1}), "LEGACY_RSAPUBLIC_BLOB data too small for modulus"}};
+    for (const auto& [type, data, log] : rows) {
+        imports(type, data, BAD_DATA, "!@: " + log);
+    }
+}
+
+TEST_F(KspBlobsTest, PublicKeysThereAndBack) {
+    const Bytes modulus = filled(128, 0x81);
+    const Bytes legacy = blob({0x0206, 0xA400, RSA1, 1024, 65537}, Bytes(modulus.rbegin(), modulus.rend()));
+    imports(TEXT("CAPIPUBLICBLOB"), legacy, 0,
+            "KSP: Public exponent : 010001|KSP: Legacy RSA public key imported successfully",
+            "1 1024 0 16 30819F300D06092A864886F70D010101050003818D0030818902818100" + hex(modulus) + "0203010001/");
+    imports(TEXT("PUBLICBLOB"), blob({RSA1, 1024, 0, 128, 0, 0}, modulus), 0, "KSP: RSA public key imported, bits=1024",
+            "1 1024 0 0 " + hex(modulus) + "/");
+    for (const auto& [type, size] : {std::pair(TEXT("RSAPUBLICBLOB"), 155U), {TEXT("CAPIPUBLICBLOB"), 148U}}) {
+        const std::string kind = size == 155 ? "BCRYPT" : "LEGACY";
+        exports(imported.get(), type, size - 1, TOO_SMALL,
+                "!@: " + kind + "_RSAPUBLIC_BLOB output buffer too small, required=" + std::to_string(size));
+        EXPECT_EQ(length, size);
+        exports(imported.get(), type, size, 0, size == 155 ? "KSP: Public key exported, bits=1024" : "");
+    }
+    EXPECT_EQ(buffer.first(148), legacy);
+    imports(TEXT("ECCPUBLICBLOB"), blob({0x334B4345, 2}, {1, 2, 3, 4}), 0, "@: ECC public key imported, cbKey=2",
+            "6 384 2 0 0401020304/");
+    exports(imported.get(), TEXT("ECCPUBLICBLOB"), 11, TOO_SMALL,
+            "Enter to the BCRYPT_ECCPUBLIC_BLOB|!@: BCRYPT_ECCPUBLIC_BLOB buffer too small, required=12");
+}
+
+TEST_F(KspBlobsTest, AesKeys) {
+    token().aesKeys["T1"].resize(3);
+    token().aesKeys["T1"][0].keyType = 11;
+    token().aesKeys["T1"][2].keyType = 10;
+    token().importedAesKey.keyUsage = 3;
+    KSP_KEY rsa = keyObject(2, 2048);
+    const auto check = [&](std::size_t size, const std::string& type, const std::string& unwrappedType) {
+        const Bytes value = filled(size);
+        const std::string call = "importAesKey('T1', '1234', " + hex(value) + ", ";
+        token().on("decrypt_aes", {{.output = value}});
+        token().on("decrypt", {{.output = value}});
+        imports(TEXT("KeyDataBlob"), blob({KDBM, 1, static_cast<DWORD>(size)}, value), 0,
+                "KSP: BCRYPT_KEY_DATA_BLOB imported successfully (AES)", type + " 0 3 16 /", call + type + ", null)");
+        imports(TEXT("OpaqueKeyBlob"), {1, 2, 3}, 0,
+                "KSP: BCRYPT_OPAQUE_KEY_BLOB: wrapped key length = 3|KSP: Successfully unwrapped key with KEK: " +
+                    idText(0) + "|KSP: BCRYPT_OPAQUE_KEY_BLOB imported successfully",
+                unwrappedType + " 0 3 16 /", "getAesKeyList|decrypt_aes|" + call + unwrappedType + ", null)");
+        importKey = &rsa;
+        imports(TEXT("whatever"), {1, 2}, 0, "KSP: Input key id : " + AA + "|KSP: Encrypted key imported successfully",
+                type + " 0 0 16 /" + hex(value), "decrypt('T1', " + AA + ", '1234', 0102, block, 0, null)");
+    };
+    check(16, "8", "8");
+    check(24, "11", "10");
+    check(32, "10", "10");
+    token().on("decrypt", {{.output = filled(33)}});
+    imports(TEXT("whatever"), {1}, NOT_SUPPORTED,
+            "KSP: Input key id : " + AA + "|!KSP: Unsupported decrypted key length: 33", "", "decrypt");
+}
+
+TEST_F(KspBlobsTest, ExportRefillsAndRefuses) {
+    const std::string list = "getKeyPairList('T1', null)";
+    KSP_KEY key = keyObject(2, 2048);
+    exports(&key, TEXT("PRIVATEBLOB"), 0, NOT_SUPPORTED, "!KSPExportKey: private key export not supported");
+    exports(&key, TEXT("PUBLICBLOB"), 0, BAD_KEY, "!KSP: No public key data available for export", list);
+    token().keyPairs["T1"] = {keyPair(0xBB, 1, 2, "", {1}), keyPair(0xAA, 1, 2, "", {4, 1, 2, 3})};
+    exports(&key, TEXT("ECCPUBLICBLOB"), 0, NOT_SUPPORTED,
+            "Enter to the BCRYPT_ECCPUBLIC_BLOB|!KSPExportKey: key is not ECC", list);
+    exports(&key, TEXT("CAPIPUBLICBLOB"), 0, 0, "");
+    EXPECT_EQ(length, 24U) << "kept in the object";
 }
 
 }  // namespace

@@ -75,6 +75,13 @@ CSP_CONTEXT contextOn(const std::string& serial, const std::string& containerNam
     return context;
 }
 
+Bytes blob(const std::vector<std::uint32_t>& words, const Bytes& data) {
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(words.data());
+    Bytes result(bytes, bytes + 4 * words.size());
+    result.insert(result.end(), data.begin(), data.end());
+    return result;
+}
+
 void cachePin() {
     pinStateStore("T1", "1234");
 }

@@ -71,8 +71,10 @@ const std::string CANCELLED =
     "!ensurePasswordValidated: password validation failed, return false";
 const std::string TOO_SHORT = "not allowed \xE2\x80\x94 key size below 112-bit security strength";
 const std::string REFUSED_SILENTLY = "!ensurePasswordValidated: CRYPT_SILENT set, cannot prompt for PIN, return false";
-const std::string INFO = "getTokenInfo('T1', null)";  ///< the library's call
-void cachePin();                                      ///< "1234", for "T1"
+const std::string AA = idText(0xAA), BB = idText(0xBB), CC = idText(0xCC);
+const std::string INFO = "getTokenInfo('T1', null)";                          ///< the library's call
+Bytes blob(const std::vector<std::uint32_t>& words, const Bytes& data = {});  ///< the words little-endian
+void cachePin();                                                              ///< "1234", for "T1"
 
 /// Every test starts as in a new process: an empty PIN cache, container map and registry, a scripted token without a
 /// script, log level 3. The registry is a private one below HKEY_CURRENT_USER, for this process alone.

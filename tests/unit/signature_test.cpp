@@ -10,7 +10,7 @@ namespace test {
 namespace {
 
 const Entry SIGN("CPSignHash"), VERIFY("CPVerifySignature");
-const std::string KEYS = "getKeyPairList('T1', null)", AA = idText(0xAA), BB = idText(0xBB), A2 = idText(0xA2);
+const std::string KEYS = "getKeyPairList('T1', null)", A2 = idText(0xA2);
 const Bytes DIGEST = filled(32, 0x10), OUTER = filled(32, 0x90), RAW_KEY = filled(64, 0x20), DER_KEY = filled(64, 0x30);
 const Bytes SIGNATURE = filled(132, 1), REVERSED(SIGNATURE.rbegin(), SIGNATURE.rend());
 
@@ -131,7 +131,9 @@ TEST_F(SignatureTest, Verify) {
     const std::string byContainer = "!Key Handle Not Initialized or Public Key Length is zero|Container name : ";
     const std::string missing = "|!@: container not found in key list, containerName=";
     VERIFY(verify(on, hashFor(3, true)), 0, byContainer,
-           KEYS + "|" + verification(3, spki(DER_KEY), REVERSED));  // its first byte is not looked at
+           KEYS + "|" +
+               verification(3, spki(DER_KEY),
+                            REVERSED));  // its first byte is not looked at
     context.containerName = idText(0xA1);
     VERIFY(verify(on, hashFor(3, true)), BAD_KEY, byContainer + context.containerName + missing + context.containerName,
            KEYS);
