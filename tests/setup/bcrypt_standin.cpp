@@ -1,6 +1,7 @@
 // A bcrypt.dll with the registration functions only. Each call becomes a line of the file that ZENTOK_BCRYPT_CALLS
 // names, with every argument and every field; its status is the hexadecimal number in the environment variable with the
 // function's name, 0 without.
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <ostream>
@@ -21,18 +22,17 @@ static void print(std::ostream& out, const CRYPT_IMAGE_REG* image) {
     print(out, image != nullptr ? image->pszImage : nullptr);
     for (ULONG i = 0; image != nullptr && i < image->cInterfaces; ++i) {
         const CRYPT_INTERFACE_REG& entry = *image->rgpInterfaces[i];
+        out << " {";
         print(out, entry.dwInterface);
         print(out, entry.dwFlags);
-        for (ULONG j = 0; j < entry.cFunctions; ++j) {
-            print(out, entry.rgpszFunctions[j]);
-        }
+        std::for_each_n(entry.rgpszFunctions, entry.cFunctions, [&out](LPCWSTR name) { print(out, name); });
+        out << " }";
     }
 }
 
 template <typename... Arguments>
 static NTSTATUS record(const char* function, Arguments... arguments) {
-    const char* file = std::getenv("ZENTOK_BCRYPT_CALLS");
-    std::ofstream out(file != nullptr ? file : "nul", std::ios::app);
+    std::ofstream out(std::getenv("ZENTOK_BCRYPT_CALLS"), std::ios::app);
     out << function;
     (print(out, arguments), ...);
     out << '\n';
@@ -41,7 +41,6 @@ static NTSTATUS record(const char* function, Arguments... arguments) {
 }
 
 extern "C" {
-
 NTSTATUS WINAPI BCryptRegisterProvider(LPCWSTR provider, ULONG flags, PCRYPT_PROVIDER_REG entry) {
     return record(__func__, provider, flags, entry->cAliases, ULONG{entry->rgpszAliases != nullptr}, entry->pUM,
                   entry->pKM);
@@ -57,5 +56,4 @@ NTSTATUS WINAPI BCryptRemoveContextFunctionProvider(ULONG table, LPCWSTR context
                                                     LPCWSTR provider) {
     return record(__func__, table, context, area, function, provider);
 }
-
 }  // extern "C"
