@@ -264,7 +264,7 @@ Section "Provider" provider
         ${If} $1 == 3
             StrCpy $2 "ZentokCSP.dll or a library that it needs cannot be loaded: see that ZentokDSCLibrary.dll is the 64-bit one of the token, with all that it needs itself."
         ${Else}
-            StrCpy $2 "The reason is in the newest file of $TEMP\Halvane\regsvr32.exe."
+            StrCpy $2 "The reason is in the newest file of $TEMP\Halvane\regsvr32."
         ${EndIf}
         ${Fail} 6 "The provider could not be registered (regsvr32 ended with code $1). $2 Then start this program again. All is as it was."
     ${EndIf}
