@@ -13,7 +13,7 @@ provider_name="Zentok Cryptographic Provider CSP"
 display_pid=
 
 build_packages=(cmake ninja-build g++-mingw-w64-x86-64-posix libgcrypt-mingw-w64-dev googletest)
-run_packages=(wine64 xvfb openssl)
+run_packages=(wine64 xvfb openssl perl)
 # shellcheck disable=SC2034
 lint_packages=(clang-format clang-tidy shellcheck)
 package_packages=(nsis)

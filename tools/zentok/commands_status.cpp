@@ -180,10 +180,12 @@ void checkLog(Findings& findings) {
     const std::filesystem::path file = ownLogFile();
     const std::string text = pathText(file);
     std::error_code error;
-    // Making it also spares the next program the first lines of its log, with which the provider makes the folder.
-    std::filesystem::create_directories(file.parent_path(), error);
+    // The provider makes one folder with each line, and loses that line; what is made here spares it one.
+    if (std::filesystem::is_directory(logFolder().parent_path(), error)) {
+        std::filesystem::create_directories(file.parent_path(), error);
+    }
     if (!error && std::filesystem::is_directory(file.parent_path(), error)) {
-        findings.push_back({"log", Verdict::Ok, text});
+        findings.push_back({"log", Verdict::Ok, text + "; each program has a folder of its own there"});
     } else {
         findings.push_back({"log", Verdict::Error, "the folder of " + text + " cannot be made: " + error.message(),
                             "No failure leaves a trace. Check that the folder of the environment variable TEMP is "
@@ -193,7 +195,7 @@ void checkLog(Findings& findings) {
 
 void runStatus(const Arguments& arguments) {
     Findings findings;
-    std::optional<QuietOutput> quiet(std::in_place);
+    const QuietOutput output;
     checkRegistration(findings);
     checkTokenLibrary(findings, checkLibrary(findings));
     checkSetup(findings);
@@ -203,8 +205,7 @@ void runStatus(const Arguments& arguments) {
     inspect(findings, "software tokens", [&] { checkSoftwareTokens(findings); });
 #endif
     checkLog(findings);
-    quiet.reset();
-    printFindings(findings, arguments.has("json"));
+    printFindings(output, findings, arguments.has("json"));
 }
 
 constexpr Option OPTIONS[] = {JSON};

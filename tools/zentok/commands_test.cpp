@@ -185,15 +185,14 @@ void runTest(const Arguments& arguments) {
         ansiPin(*pin);  // a PIN that cannot be one is refused before anything is tried
     }
     Findings findings;
-    std::optional<QuietOutput> quiet(std::in_place);
+    const QuietOutput output;
     Steps keyStorage(findings, "CNG");
     if (tryCryptoApi(Steps(findings, "CryptoAPI"), container, pin)) {
         tryKeyStorage(keyStorage, container, pin);
     } else {
         keyStorage.skip({"log in"}, "the PIN was refused already; another try could cost another attempt");
     }
-    quiet.reset();
-    printFindings(findings, arguments.has("json"));
+    printFindings(output, findings, arguments.has("json"));
 }
 
 constexpr Option OPTIONS[] = {CONTAINER, PIN, JSON};

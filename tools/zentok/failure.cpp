@@ -18,11 +18,13 @@ struct Code {
 /// What the platform and the provider answer to the calls of this program.
 constexpr auto CODES = std::to_array<Code>({
     CODE(ERROR_FILE_NOT_FOUND, "A file of the provider is missing: install it again."),
+    CODE(ERROR_PATH_NOT_FOUND, "A folder of the provider is missing: install it again."),
     CODE(ERROR_ACCESS_DENIED, "Run the command as a user who may do this."),
     CODE(ERROR_NOT_ENOUGH_MEMORY, "Close other programs and try again."),
     CODE(ERROR_INVALID_PARAMETER, "The provider refused an argument; its log says which one."),
     CODE(ERROR_CALL_NOT_IMPLEMENTED, "This version of the provider cannot do that yet."),
     CODE(ERROR_MOD_NOT_FOUND, "ZentokCSP.dll or ZentokDSCLibrary.dll is missing: install the provider again."),
+    CODE(ERROR_BAD_EXE_FORMAT, "ZentokCSP.dll or ZentokDSCLibrary.dll is damaged, or not a 64-bit library."),
     CODE(ERROR_CANCELLED, "Start again and confirm the dialog."),
     CODE(NTE_BAD_UID, "The provider does not know the context; its log says more."),
     CODE(NTE_BAD_HASH, "The provider lost the hash; its log says more."),
@@ -42,6 +44,11 @@ constexpr auto CODES = std::to_array<Code>({
     CODE(NTE_PROV_DLL_NOT_FOUND, "ZentokCSP.dll is not where it is registered; `zentok status` tells more."),
     CODE(NTE_PROVIDER_DLL_FAIL,
          "The token, or the loading of the provider, failed; `zentok status` and `zentok log` tell more."),
+    CODE(NTE_INTERNAL_ERROR, "The token failed; `zentok log` shows what the provider wrote."),
+    CODE(NTE_INVALID_HANDLE, "The provider does not know the handle; `zentok log` shows what it wrote."),
+    CODE(NTE_INVALID_PARAMETER, "The provider refused an argument; `zentok log` shows which one."),
+    CODE(NTE_VALIDATION_FAILED,
+         "The token refused the PIN. Wrong PINs use up its attempts; `zentok token list` shows a software token's."),
     CODE(NTE_NOT_FOUND, "The token has no such object."),
     CODE(NTE_BAD_TYPE, "The provider does not do that with a key of this kind."),
     CODE(NTE_BAD_KEYSET, "The container is damaged; `zentok delete-container` removes it."),
@@ -81,6 +88,8 @@ std::string codeText(DWORD code) {
 
 Failure platformFailure(const std::string& action, DWORD code, const std::string& advice) {
     const Code* row = findCode(code);
-    const std::string next = !advice.empty() ? advice : row == nullptr ? "The provider's log says more." : row->advice;
+    const std::string next = !advice.empty()  ? advice
+                             : row == nullptr ? "`zentok log` shows what the provider wrote."
+                                              : row->advice;
     return Failure("cannot " + action + ": " + codeText(code) + "\n" + next);
 }

@@ -57,18 +57,18 @@ std::string objectOf(const Finding& finding) {
 
 }  // namespace
 
-QuietOutput::QuietOutput() : output_((std::fflush(stdout), _dup(1))) {
-    if (const int nowhere = _open("NUL", _O_WRONLY); output_ >= 0 && nowhere >= 0) {
-        _dup2(nowhere, 1);
-        _close(nowhere);
-    }
+QuietOutput::QuietOutput() : output_(_dup(1)), nowhere_(_open("NUL", _O_WRONLY)) {
+    std::fflush(stdout);
+    _dup2(nowhere_, 1);
 }
 
-QuietOutput::~QuietOutput() {
+void QuietOutput::print(const std::string& text) const {
     std::fflush(stdout);
-    if (output_ >= 0) {
-        _dup2(output_, 1);
-        _close(output_);
+    _dup2(output_, 1);
+    const bool isWritten = static_cast<bool>(std::cout << text << std::flush);
+    _dup2(nowhere_, 1);
+    if (!isWritten) {
+        throw Failure("cannot write the output");
     }
 }
 
@@ -80,7 +80,7 @@ Finding failedFinding(std::string topic, const std::exception& failure) {
     return {std::move(topic), Verdict::Error, whole.substr(0, end), std::move(advice)};
 }
 
-void printFindings(const Findings& findings, bool json) {
+void printFindings(const QuietOutput& output, const Findings& findings, bool json) {
     Verdict worst = Verdict::Ok;
     std::string lines;
     std::vector<std::string> objects;
@@ -90,12 +90,8 @@ void printFindings(const Findings& findings, bool json) {
         lines += lineOf(finding);
         objects.push_back(objectOf(finding));
     }
-    if (json) {
-        const JsonMember members[] = {{"verdict", jsonText(name(worst))}, {"lines", jsonArray(objects)}};
-        std::cout << jsonObject(members) << "\n";
-    } else {
-        std::cout << lines;
-    }
+    const JsonMember members[] = {{"verdict", jsonText(name(worst))}, {"lines", jsonArray(objects)}};
+    output.print(json ? jsonObject(members) + "\n" : lines);
     if (const auto errors = std::ranges::count(findings, Verdict::Error, &Finding::verdict); errors != 0) {
         throw Failure(std::to_string(errors) + (errors == 1 ? " error" : " errors") +
                       " found\nWhat to do stands with each.");

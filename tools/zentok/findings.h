@@ -18,17 +18,16 @@ struct Finding {
 
 using Findings = std::vector<Finding>;
 
-/// Keeps what is written to the standard output from it, for as long as it lives: the provider says there when it
-/// cannot write its log, in the middle of whatever this program has to say.
+/// From its making to the end of the program, nothing but what it prints reaches the standard output. The provider
+/// writes there, until it is unloaded, whenever it cannot write its log.
 class QuietOutput {
 public:
     QuietOutput();
-    ~QuietOutput();
-    QuietOutput(const QuietOutput&) = delete;
-    QuietOutput& operator=(const QuietOutput&) = delete;
+    void print(const std::string& text) const;
 
 private:
     int output_;
+    int nowhere_;
 };
 
 /// The error that an exception of this program describes: its first line is the text, the rest the advice.
@@ -37,4 +36,4 @@ Finding failedFinding(std::string topic, const std::exception& failure);
 /// Prints the findings, one line each with its advice below, or as one JSON object:
 /// {"verdict": the worst one, "lines": [{"topic", "verdict", "text", "advice", "milliseconds"}]}; the last two only
 /// where there is one. Throws Failure when one of them is an error.
-void printFindings(const Findings& findings, bool json);
+void printFindings(const QuietOutput& output, const Findings& findings, bool json);
