@@ -44,7 +44,7 @@ DWORD runRegsvr32(const WCHAR* option, const WideText& library) {
 /// The library that is meant: `--library`, or the one that is there.
 WideText chosenLibrary(const Arguments& arguments) {
     if (const std::optional<std::string> named = arguments.find("library")) {
-        const WideText path = locate(fullPath(toWide(*named)));
+        WideText path = locate(fullPath(toWide(*named)));
         if (path.empty()) {
             throw Failure("there is no file " + *named + "\nGive the path of ZentokCSP.dll.");
         }

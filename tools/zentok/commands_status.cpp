@@ -58,7 +58,7 @@ void checkRegistration(Findings& findings) {
 WideText checkLibrary(Findings& findings) {
     constexpr const char* TOPIC = "provider library";
     const std::optional<WideText> registered = registeredPath();
-    const WideText used = registered ? locate(*registered) : WideText();
+    WideText used = registered ? locate(*registered) : WideText();
     WideText other;
     for (const WideText& path : presentLibraries()) {
         if (used.empty() || !isSameFile(path, used)) {
@@ -164,8 +164,8 @@ void checkToken(Findings& findings) {
                             std::to_string(certificates.size()) +
                             (certificates.size() == 1 ? " certificate" : " certificates"),
                         keys.empty() ? "`zentok key generate` makes a key." : ""});
-    for (const auto& [text, der] : certificates) {
-        inspect(findings, "certificate", [&] { checkCertificate(findings, text, der); });
+    for (const auto& certificate : certificates) {
+        inspect(findings, "certificate", [&] { checkCertificate(findings, certificate.first, certificate.second); });
     }
 }
 

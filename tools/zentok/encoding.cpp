@@ -126,7 +126,8 @@ Bytes encodeObject(const char* type, const void* value, const std::string& actio
 
 Bytes rsaPublicKeyInfo(std::span<const BYTE> blob) {
     // A token that holds its keys as SubjectPublicKeyInfo has them exported as if they were moduli.
-    const Bytes modulus(blob.rbegin(), blob.rend() - std::min(blob.size(), sizeof(BLOBHEADER) + sizeof(RSAPUBKEY)));
+    const auto content = blob.subspan(std::min(blob.size(), sizeof(BLOBHEADER) + sizeof(RSAPUBKEY)));
+    Bytes modulus(content.rbegin(), content.rend());
     DWORD size = 0;
     if (CryptDecodeObjectEx(X509_ASN_ENCODING, X509_PUBLIC_KEY_INFO, modulus.data(), static_cast<DWORD>(modulus.size()),
                             0, nullptr, nullptr, &size) != FALSE) {

@@ -19,7 +19,8 @@ std::optional<WideText> readRegistryText(const WideText& key, const WCHAR* name)
     const DWORD length = ExpandEnvironmentStringsW(text.c_str(), nullptr, 0);
     WideText expanded(length, 0);
     ExpandEnvironmentStringsW(text.c_str(), expanded.data(), length);
-    return WideText(expanded.c_str());
+    expanded.resize(length > 0 ? length - 1 : 0);  // without the terminator
+    return expanded;
 }
 
 std::optional<DWORD> readRegistryNumber(const WideText& key, const WCHAR* name) {
