@@ -29,6 +29,27 @@ struct HASH_CONTEXT {
     KEY_HANDLE* hmacKeyHandle;  ///< borrowed, never followed after creation
 };
 
+/// A plain hash that this provider knows.
+struct HashAlgorithm {
+    ALG_ID algId;
+    std::int32_t mechanism;
+    std::uint32_t digestSize;     // bytes
+    std::uint32_t hmacBlockSize;  // bytes
+};
+
+/// Null for an algorithm that is none of these.
+const HashAlgorithm* hashAlgorithmById(ALG_ID algId);
+
+/// Also asked with the key type that a signature left in `mechanism`; it then answers what the number happens to mean.
+const HashAlgorithm* hashAlgorithmByMechanism(std::int32_t mechanism);
+
+void setMechanism(HASH_CONTEXT& hash, const HashAlgorithm& algorithm);
+
+/// Ends `tokenHash` into `digest`, which has at least MAX_DIGEST_SIZE bytes, `room` of which are offered. The library's
+/// result, or -1 with a line in the log when it claims to have written more.
+int finishHash(void* tokenHash, unsigned char* digest, std::uint32_t room, std::uint32_t& digestSize,
+               void* tokenContext);
+
 /// Ends the running hash without any outer HMAC step and without setting `finalized`: the value that signing and
 /// derivation use. `room` bytes, at most MAX_DIGEST_SIZE, are offered to the library. Returns its result, or -1 when it
 /// claims to have written more; sets `hashLen` on 0.
