@@ -30,6 +30,9 @@ Target amd64-unicode
 !define OFFERED_TOKEN_FILE "$EXEDIR\ZentokDSCLibrary.dll"
 !define CERTIFICATES "$INSTDIR\ZentokDSC\Certificates"
 
+; What the software token's version resource names it.
+!define SOFTWARE_TOKEN_PRODUCT "Zentok software token"
+
 ; Where the token library came from, as the value TokenLibrary tells it.
 !define SOFTWARE_TOKEN "software token (for development)"
 !define FROM_SETUP_FOLDER "from the setup's folder"
@@ -100,6 +103,35 @@ Var oldImage           ; the CryptoAPI entry before setup, empty for none
 !macroend
 !define Fail "!insertmacro Fail"
 
+; Two at once would take each other's files for somebody else's.
+!macro RequireNoOther
+    System::Call 'kernel32::CreateMutexW(p 0, i 0, w "Global\ZentokSetup") p .r1 ?e'
+    Pop $0
+    ${If} $0 = 183  ; ERROR_ALREADY_EXISTS
+        ${Fail} 5 "Another setup of the ${NAME} is running. Wait for its end and try again. Nothing has been changed."
+    ${EndIf}
+!macroend
+
+; $0: 1 when the token library in the system's folder is the software token. Uses $1 to $6.
+!macro IsSoftwareToken
+    StrCpy $0 0
+    StrCpy $1 "${TOKEN_FILE}"
+    System::Call 'version::GetFileVersionInfoSizeW(w r1, p 0) i .r2'
+    ${If} $2 > 0
+        System::Alloc $2
+        Pop $3
+        System::Call 'version::GetFileVersionInfoW(w r1, i 0, i r2, p r3) i .r4'
+        System::Call 'version::VerQueryValueW(p r3, w "\StringFileInfo\040904b0\ProductName", *p .r4, *i .r5) i .r6'
+        ${If} $6 <> 0
+            System::Call '*$4(&w64 .r5)'
+            ${If} $5 == "${SOFTWARE_TOKEN_PRODUCT}"
+                StrCpy $0 1
+            ${EndIf}
+        ${EndIf}
+        System::Free $3
+    ${EndIf}
+!macroend
+
 !macro RequireAdministrator
     UserInfo::GetAccountType
     Pop $0
@@ -152,22 +184,38 @@ Var oldImage           ; the CryptoAPI entry before setup, empty for none
 
 ; --- Setup ------------------------------------------------------------------------------------------------------------
 
+; $0: 1 when the token library in the system's folder is the one that setup copied from its own folder, unchanged.
+!macro IsOurCopy
+    GetFileTime "${TOKEN_FILE}" $1 $2
+    ReadRegStr $0 HKLM "${SETUP_KEY}" "TokenLibraryTime"
+    ${If} $0 == "$1:$2"
+        StrCpy $0 1
+    ${Else}
+        StrCpy $0 0
+    ${EndIf}
+!macroend
+Function isOurCopy
+    !insertmacro IsOurCopy
+FunctionEnd
+
 ; Nobody's token library is replaced by the software token: only by one that was laid beside this program.
 Function chooseTokenLibrary
     StrCpy $keepsTokenLibrary 0
-    ReadRegStr $0 HKLM "${SETUP_KEY}" "TokenLibrary"
+    !insertmacro IsSoftwareToken
     ${If} ${FileExists} "${OFFERED_TOKEN_FILE}"
+    ${AndIfNot} ${FileExists} "${OFFERED_TOKEN_FILE}\*.*"  ; a folder
         StrCpy $tokenLibrary "${FROM_SETUP_FOLDER}"
         StrCpy $tokenLibraryText "Token library: ${OFFERED_TOKEN_FILE}."
-    ${ElseIf} $0 == "${SOFTWARE_TOKEN}"
+    ${ElseIf} $0 = 1
     ${OrIfNot} ${FileExists} "${TOKEN_FILE}"
         StrCpy $tokenLibrary "${SOFTWARE_TOKEN}"
         StrCpy $tokenLibraryText "Token library: the software token. It is for development and does not protect keys as a token does. For a real token, lay its ZentokDSCLibrary.dll beside this program and start it again."
     ${Else}
         StrCpy $keepsTokenLibrary 1
-        StrCpy $tokenLibrary $0
-        ${If} $0 == ""
-            StrCpy $tokenLibrary "${ALREADY_THERE}"
+        StrCpy $tokenLibrary "${ALREADY_THERE}"
+        Call isOurCopy
+        ${If} $0 = 1
+            StrCpy $tokenLibrary "${FROM_SETUP_FOLDER}"
         ${EndIf}
         StrCpy $tokenLibraryText "Token library: the one that is installed, ${TOKEN_FILE}, stays."
     ${EndIf}
@@ -179,6 +227,7 @@ Function .onInit
         ${Fail} 3 "${NAME} needs a 64-bit Windows on an x86-64 processor."
     ${EndIf}
     !insertmacro RequireAdministrator
+    !insertmacro RequireNoOther
     Call chooseTokenLibrary
     StrCpy $introduction "This installs the ${NAME} ${VERSION} for all users of this machine."
     ReadRegStr $0 HKLM "${UNINSTALL_KEY}" "DisplayVersion"
@@ -207,6 +256,13 @@ Function restore
     ; A registration that got stuck halfway has left the provider known, but not listed.
     ${IfNot} ${FileExists} "$PLUGINSDIR\old\ZentokCSP.dll"
         ${Regsvr32} "/u "
+        Delete "$INSTDIR\README.md"
+        Delete "$INSTDIR\docs\*.md"
+        RMDir "$INSTDIR\docs"
+        Delete "$INSTDIR\uninstall.exe"
+        RMDir "${CERTIFICATES}"
+        DeleteRegKey HKLM "${SETUP_KEY}"
+        DeleteRegKey HKLM "${UNINSTALL_KEY}"
     ${EndIf}
     !insertmacro RestoreFile "${CSP_FILE}" ZentokCSP.dll
     !insertmacro RestoreFile "${TOKEN_FILE}" ZentokDSCLibrary.dll
@@ -257,6 +313,7 @@ Section "Provider" provider
         ${Fail} 2 "A file or a registry entry could not be written. Close the programs that work with the token, make room on the disk and try again. All is as it was."
     ${EndIf}
 
+    CreateDirectory "$TEMP\Halvane"  ; the first line of a log makes this folder and is lost
     ${Regsvr32} ""
     ${If} $0 != 0
         StrCpy $1 $0
@@ -269,6 +326,7 @@ Section "Provider" provider
         ${Fail} 6 "The provider could not be registered (regsvr32 ended with code $1). $2 Then start this program again. All is as it was."
     ${EndIf}
 
+    ClearErrors
     File "../README.md"
     Delete "$INSTDIR\docs\*.md"
     SetOutPath "$INSTDIR\docs"
@@ -289,6 +347,18 @@ Section "Provider" provider
     WriteRegDWORD HKLM "${UNINSTALL_KEY}" "NoModify" 1
     WriteRegDWORD HKLM "${UNINSTALL_KEY}" "NoRepair" 1
 
+    ${If} $tokenLibrary == "${FROM_SETUP_FOLDER}"
+        GetFileTime "${TOKEN_FILE}" $1 $2
+        WriteRegStr HKLM "${SETUP_KEY}" "TokenLibraryTime" "$1:$2"
+    ${EndIf}
+    ${If} ${Errors}
+    ${OrIfNot} ${FileExists} "$INSTDIR\uninstall.exe"
+    ${OrIf} ${FileExists} "$INSTDIR\uninstall.exe\*.*"  ; a folder
+    ${OrIfNot} ${FileExists} "${CERTIFICATES}\*.*"
+        Call restore
+        ${Fail} 2 "A file or a registry entry could not be written below $INSTDIR. Make room on the disk, see that nothing else has the names of its files, and try again."
+    ${EndIf}
+
     ; The provider's search for the CA folder knows fixed places only.
     ${If} $INSTDIR != "C:\Program Files\Halvane\Zentok"
     ${OrIf} ${FileExists} "C:\Program Files (x86)\Halvane\Zentok"
@@ -302,22 +372,27 @@ SectionEnd
 Function un.onInit
     !insertmacro SetFolder
     !insertmacro RequireAdministrator
+    !insertmacro RequireNoOther
 FunctionEnd
 
 ; What the user brought or made stays: CA certificates, the container map, logs, the log level.
 Section "Uninstall"
     !insertmacro RequireFreeFiles
-    StrCpy $1 0
+    StrCpy $7 "none: ${CSP_FILE} is gone"
     ${If} ${FileExists} "${CSP_FILE}"
         ${Regsvr32} "/u "
-        StrCpy $1 $0
+        StrCpy $7 $0
     ${EndIf}
     ReadRegStr $0 HKLM "${CSP_KEY}" "Image Path"
     ${If} $0 == "${CSP_FILE}"
         DeleteRegKey HKLM "${CSP_KEY}"
     ${EndIf}
-    ReadRegStr $0 HKLM "${SETUP_KEY}" "TokenLibrary"
-    ${If} $0 != "${ALREADY_THERE}"
+    ; Only what setup itself has put there: a maker's file may have taken its place since.
+    !insertmacro IsSoftwareToken
+    ${If} $0 = 0
+        !insertmacro IsOurCopy
+    ${EndIf}
+    ${If} $0 = 1
         Delete "${TOKEN_FILE}"
     ${EndIf}
     Delete "${CSP_FILE}"
@@ -338,8 +413,8 @@ Section "Uninstall"
     DeleteRegKey /ifempty HKLM "${PRODUCT_KEY}"
     DeleteRegKey /ifempty HKLM "${VENDOR_KEY}"
     DeleteRegKey HKLM "${UNINSTALL_KEY}"
-    ${If} $1 != 0
-        ${Fail} 6 "Everything is removed but the entry of the key storage provider: regsvr32 ended with code $1."
+    ${If} $7 != 0
+        ${Fail} 6 "Everything is removed but the entry of the key storage provider: regsvr32 ended with code $7. To remove the entry too, install the provider with a working token library and remove it again."
     ${EndIf}
     ${Say} "Removed the ${NAME}."
 SectionEnd

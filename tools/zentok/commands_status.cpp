@@ -28,6 +28,8 @@ void inspect(Findings& findings, const char* topic, Look look) {
     }
 }
 
+constexpr const char* SOFTWARE_TOKEN = "Zentok software token";  ///< in its version resource
+
 std::string fileText(const WideText& path) {
     const std::string version = fileVersion(path);
     return toUtf8(path) + (version.empty() ? ", without a version" : ", version " + version);
@@ -35,6 +37,20 @@ std::string fileText(const WideText& path) {
 
 std::string registerAdvice(const WideText& library) {
     return "`zentok register --library \"" + toUtf8(library) + "\"`, as administrator, registers that one.";
+}
+
+constexpr const char* REGISTER_ANEW = "`zentok register`, as administrator, registers it anew.";
+
+/// The platform wants one of the two, and reads nothing in it.
+bool hasSignature() {
+    const WideText key = registrationKey();
+    for (const WCHAR* name : {TEXT("Signature"), TEXT("SigInFile")}) {
+        if (RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), name, RRF_RT_REG_BINARY, nullptr, nullptr, nullptr) ==
+            ERROR_SUCCESS) {
+            return true;
+        }
+    }
+    return false;
 }
 
 void checkRegistration(Findings& findings) {
@@ -46,11 +62,15 @@ void checkRegistration(Findings& findings) {
                             "Run the setup program, or `zentok register` as administrator."});
     } else if (type != PROV_RSA_FULL) {
         findings.push_back({TOPIC, Verdict::Error,
-                            "registered with the type " + (type ? std::to_string(*type) : "that is missing") +
+                            (type ? "registered with the type " + std::to_string(*type) : "registered without a type") +
                                 " instead of 1 (PROV_RSA_FULL): " + toUtf8(*path),
-                            "`zentok register`, as administrator, registers it anew."});
+                            REGISTER_ANEW});
+    } else if (!hasSignature()) {
+        findings.push_back({TOPIC, Verdict::Error, "registered without a Signature: " + toUtf8(*path), REGISTER_ANEW});
+    } else if (path->find(TEXT('\\')) == WideText::npos) {
+        findings.push_back({TOPIC, Verdict::Warning, "Image Path is no full path: " + toUtf8(*path), REGISTER_ANEW});
     } else {
-        findings.push_back({TOPIC, Verdict::Ok, "type 1, " + toUtf8(*path)});
+        findings.push_back({TOPIC, Verdict::Ok, "type 1, " + toUtf8(*path) + ", with a signature"});
     }
 }
 
@@ -77,7 +97,10 @@ WideText checkLibrary(Findings& findings) {
                             other.empty() ? "Install the provider again." : registerAdvice(other)});
         return other;
     }
-    if (other.empty()) {
+    if (!isLibrary(used)) {
+        findings.push_back(
+            {TOPIC, Verdict::Error, toUtf8(used) + " is damaged, or not for 64 bits", "Install the provider again."});
+    } else if (other.empty()) {
         findings.push_back({TOPIC, Verdict::Ok, fileText(used)});
     } else {
         findings.push_back({TOPIC, Verdict::Warning, fileText(used) + "; there is also " + fileText(other),
@@ -89,7 +112,16 @@ WideText checkLibrary(Findings& findings) {
 void checkTokenLibrary(Findings& findings, const WideText& provider) {
     constexpr const char* TOPIC = "token library";
     if (const WideText found = findIn(searchFolders(), TOKEN_LIBRARY); !found.empty()) {
-        findings.push_back({TOPIC, Verdict::Ok, fileText(found)});
+        if (!isLibrary(found)) {
+            findings.push_back({TOPIC, Verdict::Error, toUtf8(found) + " is damaged, or not for 64 bits",
+                                "No application can load the provider with it: install the token's own software."});
+        } else if (fileProduct(found) == SOFTWARE_TOKEN) {
+            findings.push_back({TOPIC, Verdict::Warning, fileText(found) + ", the software token",
+                                "Software tokens are for development: they protect keys by the PIN alone. With a real "
+                                "token, run setup with its ZentokDSCLibrary.dll beside it."});
+        } else {
+            findings.push_back({TOPIC, Verdict::Ok, fileText(found)});
+        }
     } else if (const WideText beside = findIn({folderOf(provider)}, TOKEN_LIBRARY); !beside.empty()) {
         findings.push_back({TOPIC, Verdict::Warning, fileText(beside) + ", outside of the system's search path",
                             "Applications may not find it there: copy it into System32, or add its folder to PATH."});
@@ -109,12 +141,8 @@ void checkSetup(Findings& findings) {
         findings.push_back({TOPIC, Verdict::Ok, "the setup program has not run here"});
         return;
     }
-    const bool isSoftware = library.find("software") != std::string::npos;
-    findings.push_back({TOPIC, isSoftware ? Verdict::Warning : Verdict::Ok,
-                        "version " + toUtf8(version.value_or(TEXT("not noted"))) + ", token library: " + library,
-                        isSoftware ? "Software tokens are for development: they protect keys by the PIN alone. With a "
-                                     "real token, run setup with its ZentokDSCLibrary.dll beside it."
-                                   : ""});
+    findings.push_back(
+        {TOPIC, Verdict::Ok, "version " + toUtf8(version.value_or(TEXT("not noted"))) + ", token library: " + library});
 }
 
 void checkKeyStorage(Findings& findings) {

@@ -27,6 +27,16 @@ bool isFile(const WideText& path) {
     return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0;
 }
 
+std::vector<BYTE> versionResource(const WideText& path) {
+    DWORD ignored = 0;
+    std::vector<BYTE> resource(GetFileVersionInfoSizeW(path.c_str(), &ignored));
+    if (!resource.empty() &&
+        GetFileVersionInfoW(path.c_str(), 0, static_cast<DWORD>(resource.size()), resource.data()) == FALSE) {
+        resource.clear();
+    }
+    return resource;
+}
+
 }  // namespace
 
 WideText registrationKey() {
@@ -107,16 +117,34 @@ bool isSameFile(const WideText& left, const WideText& right) {
 }
 
 std::string fileVersion(const WideText& path) {
-    DWORD ignored = 0;
-    std::vector<BYTE> resource(GetFileVersionInfoSizeW(path.c_str(), &ignored));
+    const std::vector<BYTE> resource = versionResource(path);
     void* block = nullptr;
     UINT size = 0;
-    if (resource.empty() ||
-        GetFileVersionInfoW(path.c_str(), 0, static_cast<DWORD>(resource.size()), resource.data()) == FALSE ||
-        VerQueryValueW(resource.data(), TEXT("\\"), &block, &size) == FALSE || size < sizeof(VS_FIXEDFILEINFO)) {
+    if (resource.empty() || VerQueryValueW(resource.data(), TEXT("\\"), &block, &size) == FALSE ||
+        size < sizeof(VS_FIXEDFILEINFO)) {
         return {};
     }
     const auto* info = static_cast<const VS_FIXEDFILEINFO*>(block);
     return std::to_string(HIWORD(info->dwFileVersionMS)) + "." + std::to_string(LOWORD(info->dwFileVersionMS)) + "." +
            std::to_string(HIWORD(info->dwFileVersionLS)) + "." + std::to_string(LOWORD(info->dwFileVersionLS));
+}
+
+std::string fileProduct(const WideText& path) {
+    const std::vector<BYTE> resource = versionResource(path);
+    void* block = nullptr;
+    UINT size = 0;
+    if (resource.empty() ||
+        VerQueryValueW(resource.data(), TEXT("\\StringFileInfo\\040904b0\\ProductName"), &block, &size) == FALSE) {
+        return {};
+    }
+    return toUtf8(static_cast<const WCHAR*>(block));
+}
+
+bool isLibrary(const WideText& path) {
+    // Mapped as an image, without its imports and without running anything of it.
+    const HMODULE library = LoadLibraryExW(path.c_str(), nullptr, DONT_RESOLVE_DLL_REFERENCES);
+    if (library != nullptr) {
+        FreeLibrary(library);
+    }
+    return library != nullptr;
 }

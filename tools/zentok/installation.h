@@ -41,3 +41,9 @@ bool isSameFile(const WideText& left, const WideText& right);
 
 /// "1.0.0.0" of the file's version resource, or empty.
 std::string fileVersion(const WideText& path);
+
+/// "ProductName" of the file's version resource, or empty.
+std::string fileProduct(const WideText& path);
+
+/// False for a file that this process could not load as a library: damaged, or not for 64 bits.
+bool isLibrary(const WideText& path);

@@ -147,7 +147,9 @@ void LogPrinter::printFrom(const std::filesystem::path& path, std::uintmax_t beg
         std::cerr << "==> " << pathText(path) << "\n";
         shown_ = path;
     }
-    std::cout << fromAnsi(text) << std::flush;
+    if (!(std::cout << fromAnsi(text) << std::flush)) {
+        throw Failure("cannot write the output");
+    }
 }
 
 int logLevel() {
@@ -170,8 +172,8 @@ std::string logLevelText(int level) {
 }
 
 LogLevelOverride::LogLevelOverride(unsigned long level)
-    : key_(SETTINGS_KEY, "set the log level"), before_(key_.read(LEVEL_VALUE)) {
-    key_.write(LEVEL_VALUE, registryNumber(level));
+    : key_(SETTINGS_KEY, "set the log level"), before_(key_.read(LEVEL_VALUE)), own_(registryNumber(level)) {
+    key_.write(LEVEL_VALUE, own_);
 }
 
 LogLevelOverride::~LogLevelOverride() {
@@ -184,6 +186,10 @@ LogLevelOverride::~LogLevelOverride() {
 
 void LogLevelOverride::restore() {
     if (!std::exchange(active_, false)) {
+        return;
+    }
+    // Whoever has set another level since wants that one.
+    if (const auto now = key_.read(LEVEL_VALUE); !now || *now != own_) {
         return;
     }
     if (before_) {

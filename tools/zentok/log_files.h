@@ -61,11 +61,13 @@ public:
     LogLevelOverride(const LogLevelOverride&) = delete;
     LogLevelOverride& operator=(const LogLevelOverride&) = delete;
 
-    /// Puts back what was there before, also the absence of a value. Throws when the registry refuses.
+    /// Puts back what was there before, also the absence of a value, unless somebody has set another level since.
+    /// Throws when the registry refuses.
     void restore();
 
 private:
     RegistryKey key_;
     std::optional<RegistryValue> before_;
+    RegistryValue own_;
     bool active_ = true;
 };

@@ -18,6 +18,8 @@ std::optional<DWORD> readRegistryNumber(const WideText& key, const WCHAR* name);
 struct RegistryValue {
     DWORD type = REG_NONE;
     std::vector<BYTE> data;
+
+    bool operator==(const RegistryValue&) const = default;
 };
 
 /// A key that is open for writing, and created when it was not there.
