@@ -71,7 +71,6 @@ TEST_F(ContextTest, WithoutAToken) {
     EXPECT_TRUE(recordOf<CSP_CONTEXT>(h)->silent && recordOf<CSP_CONTEXT>(h)->keysetType == 4096);
     CALL(CPReleaseContext(h, 0xABCD), BAD_FLAGS, "!@: invalid dwFlags=0x0000ABCD");
     CALL(CPReleaseContext(h, 0), 0, "");
-    CALL(CPReleaseContext(OFF, 0), BAD_UID, "!@: invalid or uninitialized context");
     const CSP_CONTEXT tokenless = contextOn("");
     const HCRYPTPROV none = handleOf(&tokenless);
     RimmedBuffer buffer(16);
@@ -141,12 +140,6 @@ TEST_F(ContextTest, DeleteKeySet) {
                 missing + log + "deleting key " + AA + "|" + done,
             LISTED + keysOf("T1") + "|deleteKeyPair('T1', " + BB + ", '1234', 1, null)|deleteKeyPair('T1', " + AA +
                 ", '1234', 0, null)");
-    writeContainerKeys("box", {idText(0x99)});
-    pinStateStore("T7", "1234");
-    token().setDevices({"T7", "T1"});
-    token().onResult("initDevice", {5});
-    deletes("box", 0, 0, started + missing + done, LISTED + opened("T7") + keysOf("T7"));
-    EXPECT_TRUE(pinStateIsDeviceInitialised("T7")) << "whatever the opening came to";
 }
 
 using Answer = std::tuple<BOOL, DWORD, DWORD>;  // result, last error, length afterwards
@@ -195,9 +188,8 @@ TEST_F(ProviderParamsTest, Enumerations) {
     const std::tuple<DWORD, DWORD, int, Answer, std::string> rows[] = {
         {1, 0, 32, {TRUE, UNTOUCHED, 32}, "00A400000008000008000000"},           // the first call already moves on
         {22, 6, 99, {TRUE, UNTOUCHED, 88}, "0E660000800000008000000080000000"},  // one position for both
-        {22, 2, -1, {TRUE, UNTOUCHED, 88}, ""},
         {1, 2, 31, {FALSE, ERROR_MORE_DATA, 32}, ""},
-        {1, 4, 32, {TRUE, UNTOUCHED, 32}, "10660000"},  // one was skipped
+        {1, 4, 32, {TRUE, UNTOUCHED, 32}, "10660000"},
         {22, 5, 88, {TRUE, UNTOUCHED, 88}, "002400000008000000040000001000003000000008000000"},
         {2, 0, 9, {FALSE, ERROR_INVALID_PARAMETER, 9}, ""},
         {2, 0x21, 2, {TRUE, UNTOUCHED, 2}, "4100"},
@@ -207,7 +199,6 @@ TEST_F(ProviderParamsTest, Enumerations) {
         {2, 2, 9, {FALSE, ERROR_NO_MORE_ITEMS, 9}, ""},
         {40, 1, 4, {TRUE, UNTOUCHED, 4}, "01000000"},
         {40, 0, 4, {TRUE, UNTOUCHED, 4}, "02000000"},
-        {40, 9, 4, {FALSE, ERROR_NO_MORE_ITEMS, 4}, ""},
         {40, 1, 3, {TRUE, ERROR_MORE_DATA, 4}, ""}};
     for (const auto& [param, flags, room, answer, value] : rows) {
         EXPECT_EQ(get(param, flags, room), answer) << param << " " << value;
@@ -217,16 +208,6 @@ TEST_F(ProviderParamsTest, Enumerations) {
     context.algorithmEnumIndex = 9;
     EXPECT_EQ(get(22, 0, 88), Answer(FALSE, ERROR_NO_MORE_ITEMS, 88));
     EXPECT_EQ(get(1, 3, 32), Answer(FALSE, ERROR_INVALID_PARAMETER, 32));
-}
-
-TEST_F(ProviderParamsTest, CertificateChain) {
-    token().keyPairs["T1"] = {keyPair(0xAA, 1, 2), keyPair(0xBB, 1, 2)};
-    token().on("findCertificateForKey", {{.during = [] { token().keyCertificate.reset(); }},
-                                         {.during = [] { token().keyCertificate.emplace(); }}});
-    context.containerName = idText(0xAA);
-    EXPECT_EQ(get(9, 0, 99), Answer(FALSE, NO_KEY, 0));
-    context.containerName = idText(0xBB);
-    EXPECT_EQ(get(9, 0, 99), Answer(FALSE, BAD_KEY, 99)) << "an empty record is found, but is no certificate";
 }
 
 TEST_F(ProviderParamsTest, Set) {

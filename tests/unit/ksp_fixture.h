@@ -32,11 +32,6 @@ const std::string KSP_ASKS = "KSP: Password not validated, checking SSO|" + ONE_
 const std::string KSP_CANCELLED = "|KSP: User cancelled password dialog";
 const std::string ASKED_AGAIN = "|" + INFO + "|validatePassword('T1', '5678', 1, 0, null)|";
 
-/// The SubjectPublicKeyInfo of a modulus of 64 bytes without its top bit, and the exponent 65537.
-inline std::string spki(const Bytes& modulus) {
-    return "305B300D06092A864886F70D0101010500034A0030470240" + hex(modulus) + "0203010001";
-}
-
 class KspTest : public ProviderTest {
 protected:
     void SetUp() override {

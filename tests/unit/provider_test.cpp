@@ -1,5 +1,6 @@
 #include "tests/unit/provider_test.h"
 
+#include <algorithm>
 #include <filesystem>
 
 #include "core/container_map.h"
@@ -80,6 +81,19 @@ Bytes blob(const std::vector<std::uint32_t>& words, const Bytes& data) {
     Bytes result(bytes, bytes + 4 * words.size());
     result.insert(result.end(), data.begin(), data.end());
     return result;
+}
+
+ZentokKeyPair fullRecord(unsigned char id, int usage, int type) {
+    ZentokKeyPair key = keyPair(id, usage, type, "", filled(300, id));
+    std::fill(std::begin(key.alias), std::end(key.alias), 'n');
+    key.keyLabel[127] = id;
+    key.keyLabelLength = 128;
+    key.tokenFlag = true;
+    return key;
+}
+
+std::string spki(const Bytes& modulus) {
+    return "305B300D06092A864886F70D0101010500034A0030470240" + hex(modulus) + "0203010001";
 }
 
 void cachePin() {

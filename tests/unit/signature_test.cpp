@@ -14,11 +14,6 @@ const std::string KEYS = "getKeyPairList('T1', null)", A2 = idText(0xA2);
 const Bytes DIGEST = filled(32, 0x10), OUTER = filled(32, 0x90), RAW_KEY = filled(64, 0x20), DER_KEY = filled(64, 0x30);
 const Bytes SIGNATURE = filled(132, 1), REVERSED(SIGNATURE.rbegin(), SIGNATURE.rend());
 
-/// The SubjectPublicKeyInfo of a modulus of 64 bytes without its top bit, and the exponent 65537.
-std::string spki(const Bytes& modulus) {
-    return "305B300D06092A864886F70D0101010500034A0030470240" + hex(modulus) + "0203010001";
-}
-
 /// The library's call.
 std::string verification(int type, const std::string& publicKey, const Bytes& signature) {
     return "verifySignatureHash(" + std::to_string(type) + ", 'T1', " + hex(DIGEST) + ", " + publicKey + ", " +
@@ -115,17 +110,6 @@ TEST_F(SignatureTest, Sign) {
 TEST_F(SignatureTest, Verify) {
     VERIFY(verify(OFF, 0), BAD_UID, "!CSP Context Not Initialized");
     VERIFY(verify(on, 0), BAD_HASH, "!Hash Context is not Initialized");
-    const auto verifies = [&](ALG_ID algId, unsigned bits, const Bytes& publicKey, const char* road,
-                              const std::string& call) {
-        key.algId = algId;
-        key.bitSize = bits;
-        std::copy_n(publicKey.begin(), key.publicKeyLength = 64, key.publicKey);
-        VERIFY(verify(on, hashFor(3, true)), 0, std::string("key handle available|@: ") + road, call);
-    };
-    verifies(0x2200, 384, DER_KEY, "ECC public key, using raw EC point", verification(6, hex(DER_KEY), SIGNATURE));
-    verifies(0xA400, 521, RAW_KEY, "RSA raw modulus, converting to DER", verification(2, spki(RAW_KEY), REVERSED));
-    verifies(2, 3072, DER_KEY, "RSA public key already DER encoded", verification(3, hex(DER_KEY), REVERSED));
-    key.publicKeyLength = 0;  // from here on by the container
     token().keyPairs["T1"] = {keyPair(0xA1, 0, 2, "", RAW_KEY), keyPair(0xAA, 2, 3, "", DER_KEY),
                               keyPair(0xBB, 1, 6, "", RAW_KEY)};
     const std::string byContainer = "!Key Handle Not Initialized or Public Key Length is zero|Container name : ";
