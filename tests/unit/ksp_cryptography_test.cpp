@@ -7,7 +7,7 @@ namespace test {
 namespace {
 
 const Bytes DIGEST = filled(32, 0x10), SIGNATURE = filled(132, 1), RAW = filled(64, 0x20), DER = filled(64, 0x30);
-constexpr DWORD PKCS1 = 2, PSS = 8;
+constexpr DWORD PSS = 8;
 using KspSignatureTest = KspTest;
 
 TEST_F(KspSignatureTest, Sizes) {

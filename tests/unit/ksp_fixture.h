@@ -29,7 +29,6 @@ inline BYTE* input(const Bytes& bytes) {
 
 const std::string KSP_CACHED = "KSP: PIN already validated";
 const std::string KSP_ASKS = "KSP: Password not validated, checking SSO|" + ONE_DIALOG;
-const std::string KSP_CANCELLED = "|KSP: User cancelled password dialog";
 const std::string ASKED_AGAIN = "|" + INFO + "|validatePassword('T1', '5678', 1, 0, null)|";
 
 class KspTest : public ProviderTest {

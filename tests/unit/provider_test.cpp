@@ -92,10 +92,6 @@ ZentokKeyPair fullRecord(unsigned char id, int usage, int type) {
     return key;
 }
 
-std::string spki(const Bytes& modulus) {
-    return "305B300D06092A864886F70D0101010500034A0030470240" + hex(modulus) + "0203010001";
-}
-
 void cachePin() {
     pinStateStore("T1", "1234");
 }

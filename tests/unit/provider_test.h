@@ -79,9 +79,6 @@ void cachePin();                                                              //
 /// A record with something in every field that a key object copies, and an alias without a terminator.
 ZentokKeyPair fullRecord(unsigned char id, int usage, int type);
 
-/// The SubjectPublicKeyInfo of a modulus of 64 bytes without its top bit, and the exponent 65537.
-std::string spki(const Bytes& modulus);
-
 /// Every test starts as in a new process: an empty PIN cache, container map and registry, a scripted token without a
 /// script, log level 3. The registry is a private one below HKEY_CURRENT_USER, for this process alone.
 class ProviderTest : public ::testing::Test {

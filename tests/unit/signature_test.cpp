@@ -2,6 +2,7 @@
 
 #include "capi/hash.h"
 #include "capi/user_keys.h"
+#include "cert/public_key.h"
 #include "core/container_map.h"
 #include "tests/support/password_user.h"
 #include "tests/unit/provider_test.h"
@@ -116,7 +117,7 @@ TEST_F(SignatureTest, Verify) {
     const std::string missing = "|!@: container not found in key list, containerName=";
     VERIFY(verify(on, hashFor(3, true)), 0, byContainer,
            KEYS + "|" +
-               verification(3, spki(DER_KEY),
+               verification(3, hex(rawModulusToSpki(DER_KEY)),
                             REVERSED));  // its first byte is not looked at
     context.containerName = idText(0xA1);
     VERIFY(verify(on, hashFor(3, true)), BAD_KEY, byContainer + context.containerName + missing + context.containerName,
