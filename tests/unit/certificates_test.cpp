@@ -68,6 +68,24 @@ protected:
     int storedId = 0;
 };
 
+TEST_F(CertificateImportTest, KeyPairName) {
+    const std::string calls = reads(std::string(200, 'n'));
+    const std::string label = "Me_" + std::string(125, 'n');
+    const std::string update = ALONE + "|" + NAME + "updating empty key pair alias to: ";
+    const std::string found = KEYS + "|" + PARSE + "|" + PARSE;  // the second key pair is the certificate's
+    const std::string updates = found + "|updateKeyPairDetails('T1', " + idText(0xBB) + ", '1234', '";
+    token().certificateDetails.field2 = "Me";
+    token().certificateDetails.publicKey = {7, 8};
+    std::vector<ZentokKeyPair>& keys = token().keyPairs["T1"];
+    keys = {keyPair(0xAA, 1, 2, "", {7, 9}), keyPair(0xBB, 1, 2, " \t", {7, 8})};
+    imports(" mine ", 0, FOLDER + update + "mine",
+            calls + stores(0xAA, "A0", " mine ") + updates + "mine', null[0], null)");
+    imports(" \f\v", 0, NAME + "label not provided, using: " + label + "|" + FOLDER + update + label,
+            calls + stores(0xAA, "A0", label) + updates + label + "', null[0], null)");
+    keys[1].alias[1] = 'x';
+    imports("mine", 0, FOLDER + ALONE, calls + STORES_LEAF + found);
+}
+
 TEST_F(CertificateImportTest, Chain) {
     const std::vector<Parsed> files = {{{0xA1}, "", ""},
                                        {{0xA2}, "CN=Mid", "CN=Nowhere"},

@@ -60,6 +60,24 @@ TEST_F(KspSignatureTest, Sign) {
     }
 }
 
+TEST_F(KspSignatureTest, VerifyRefusals) {
+    const auto verifies = [&](const Bytes& publicKey, DWORD flags, SECURITY_STATUS status, const std::string& log) {
+        const KSP_KEY key = keyObject(2, 1024, publicKey);
+        const auto verify = [&] {
+            EXPECT_EQ(
+                KSPVerifySignature(prov, handleOf(&key), nullptr, input(DIGEST), 32, input(SIGNATURE), 132, flags),
+                status);
+        };
+        EXPECT_EQ(logOf(verify).back(), log);
+    };
+    verifies({}, 0, NTE_BAD_KEY, "!KSP: No public key for verification");
+    token().onResult("verifySignatureHash", {49});
+    verifies(RAW, 0, NTE_BAD_SIGNATURE, "!KSP: Verify signature failed: 49");
+    provider.firmwareVersion = "1.9.9";  // with both paddings, verification takes PSS
+    verifies(RAW, PSS | NCRYPT_PAD_PKCS1_FLAG, NTE_NOT_SUPPORTED,
+             "!KSPVerifySignature: PSS not supported on firmware 1.9.9");
+}
+
 const Entry ENCRYPT("KSPEncrypt"), DECRYPT("KSPDecrypt");
 const Bytes INPUT = filled(64, 0x40), OUTPUT = filled(48, 1);
 const std::string NO_PADDING = "KSPDecrypt: dwFlags=0x00000000 padding=NONE (defaulting to OAEP)|";
