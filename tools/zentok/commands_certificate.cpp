@@ -25,17 +25,6 @@ void deliver(const Arguments& arguments, const std::string& pem, const std::stri
     std::cout << "Wrote " << what << " to " << *file << "\n";
 }
 
-std::string keyDescription(const Key& key) {
-    const DWORD permissions = keyNumber(key, KP_PERMISSIONS);
-    const bool signs = (permissions & CRYPT_ENCRYPT) != 0;
-    const bool decrypts = (permissions & CRYPT_DECRYPT) != 0;
-    return (isEllipticCurve(key) ? "EC P-" : "RSA-") + std::to_string(keyNumber(key, KP_KEYLEN)) +
-           (signs && decrypts ? ", for signing and key exchange"
-            : signs           ? ", for signing"
-            : decrypts        ? ", for key exchange"
-                              : "");
-}
-
 void runShow(const Arguments& arguments) {
     if (arguments.has("cng")) {
         cng::show();

@@ -90,6 +90,10 @@ void runRegister(const Arguments& arguments) {
     key.write(TEXT("Signature"), {REG_BINARY, {0}});
     std::cout << "Registered " << name
               << " with CryptoAPI and as a key storage provider.\n`zentok status` checks it.\n";
+    if (findIn(searchFolders(), PROVIDER_LIBRARY).empty()) {
+        std::cerr << "A key storage provider is looked for under its bare name: copy the libraries into System32, too, "
+                     "for applications that use CNG.\n";
+    }
 }
 
 void runUnregister(const Arguments& /*arguments*/) {

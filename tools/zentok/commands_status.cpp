@@ -182,8 +182,12 @@ void checkCertificate(Findings& findings, const std::string& keyText, const std:
 void checkToken(Findings& findings) {
     const std::vector<std::string> keys = listKeys(openContainer(""));
     std::vector<std::pair<std::string, std::vector<BYTE>>> certificates;
+    Findings found;
     for (const std::string& text : keys) {
-        if (std::vector<BYTE> der = readCertificate(requireKey(openContainer(text), text)); !der.empty()) {
+        const Context context = openContainer(text);
+        const Key key = requireKey(context, text);
+        found.push_back({"key", Verdict::Ok, text + ", " + keyDescription(key)});
+        if (std::vector<BYTE> der = readCertificate(key); !der.empty()) {
             certificates.emplace_back(text, std::move(der));
         }
     }
@@ -192,6 +196,7 @@ void checkToken(Findings& findings) {
                             std::to_string(certificates.size()) +
                             (certificates.size() == 1 ? " certificate" : " certificates"),
                         keys.empty() ? "`zentok key generate` makes a key." : ""});
+    findings.insert(findings.end(), found.begin(), found.end());
     for (const auto& certificate : certificates) {
         inspect(findings, "certificate", [&] { checkCertificate(findings, certificate.first, certificate.second); });
     }

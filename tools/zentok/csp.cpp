@@ -104,6 +104,17 @@ bool isEllipticCurve(const Key& key) {
     return keyNumber(key, KP_ALGID) == ALG_EC_KEY;
 }
 
+std::string keyDescription(const Key& key) {
+    const DWORD permissions = keyNumber(key, KP_PERMISSIONS);
+    const bool signs = (permissions & CRYPT_ENCRYPT) != 0;
+    const bool decrypts = (permissions & CRYPT_DECRYPT) != 0;
+    return (isEllipticCurve(key) ? "EC P-" : "RSA-") + std::to_string(keyNumber(key, KP_KEYLEN)) +
+           (signs && decrypts ? ", for signing and key exchange"
+            : signs           ? ", for signing"
+            : decrypts        ? ", for key exchange"
+                              : "");
+}
+
 std::vector<std::string> listKeys(const Context& context) {
     std::vector<std::string> keys;
     // Always with room for a key text: a size query would step past an entry.

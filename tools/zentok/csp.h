@@ -68,6 +68,9 @@ DWORD keyNumber(const Key& key, DWORD parameter);
 /// True for an elliptic-curve key, false for RSA.
 bool isEllipticCurve(const Key& key);
 
+/// "RSA-2048, for signing".
+std::string keyDescription(const Key& key);
+
 /// The key texts of the token that the context works with.
 std::vector<std::string> listKeys(const Context& context);
 
