@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "tools/zentok/failure.h"
+#include "tools/zentok/sized_answer.h"
 #include "tools/zentok/text.h"
 
 namespace {
@@ -12,25 +13,6 @@ constexpr DWORD ENCODING = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
 
 /// The NULL that the parameters of an RSA algorithm are (RFC 4055).
 constexpr BYTE DER_NULL[] = {0x05, 0x00};
-
-DATA_BLOB blobOf(std::span<const BYTE> bytes) {
-    return {static_cast<DWORD>(bytes.size()), const_cast<BYTE*>(bytes.data())};
-}
-
-/// Calls a function of the platform twice: for the size of its answer and for the answer.
-template <typename Call>
-Bytes sizedAnswer(const std::string& action, Call call) {
-    DWORD size = 0;
-    if (call(nullptr, &size) == FALSE) {
-        throw platformFailure(action, GetLastError());
-    }
-    Bytes answer(size);
-    if (call(answer.data(), &size) == FALSE) {
-        throw platformFailure(action, GetLastError());
-    }
-    answer.resize(size);
-    return answer;
-}
 
 std::string nameText(CERT_NAME_BLOB& name) {
     constexpr DWORD FORMAT = CERT_X500_NAME_STR;

@@ -9,6 +9,7 @@
 #include <bcrypt.h>
 
 #include "tools/zentok/certificates.h"
+#include "tools/zentok/commands.h"
 #include "tools/zentok/failure.h"
 #include "tools/zentok/files.h"
 #include "tools/zentok/key_storage.h"
@@ -18,10 +19,7 @@ namespace cng {
 namespace {
 
 constexpr std::array<std::string_view, 4> KEY_TYPES = {"rsa", "p256", "p384", "p521"};
-constexpr std::array<std::string_view, 2> USAGES = {"sign", "exchange"};
 constexpr std::array<std::string_view, 2> SIGNATURE_PADDINGS = {"pkcs1", "pss"};
-constexpr std::array<std::string_view, 4> HASH_NAMES = {"sha256", "sha384", "sha512", "sha1"};
-constexpr std::array<std::string_view, 2> ORDERS = {"big", "little"};
 
 /// In the order of KEY_TYPES, for signing and for key exchange.
 constexpr const WCHAR* ALGORITHMS[][2] = {
@@ -91,7 +89,7 @@ bool isPss(const Arguments& arguments) {
 
 /// Between the order of a signature's file and big-endian; r || s has one order only.
 void convertOrder(Bytes& signature, const StorageKey& key, const Arguments& arguments) {
-    if (arguments.getChoice("order", ORDERS) == 1 && key.isRsa()) {
+    if (arguments.getChoice("order", SIGNATURE_ORDERS) == 1 && key.isRsa()) {
         std::ranges::reverse(signature);
     }
 }
@@ -121,7 +119,7 @@ DWORD rsaSize(unsigned long bits) {
 
 void generate(const Arguments& arguments) {
     const std::size_t type = arguments.getChoice("type", KEY_TYPES);
-    const std::size_t usage = arguments.getChoice("usage", USAGES);
+    const std::size_t usage = arguments.getChoice("usage", KEY_USAGES);
     const DWORD bits = rsaSize(arguments.getNumber("bits", 1, 0xFFFF));
     const KeyStorage storage;
     storage.logIn(arguments.find("pin"));

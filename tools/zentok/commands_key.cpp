@@ -12,7 +12,6 @@
 namespace {
 
 constexpr std::size_t LONGEST_CONTAINER_NAME = 16383;  ///< UTF-16 units, of a value's name in the registry
-constexpr std::array<std::string_view, 2> USAGES = {"sign", "exchange"};
 
 /// Makes a key, CALG_RSA_SIGN or CALG_RSA_KEYX, in the container of `context`.
 void generateKey(const Context& context, ALG_ID algorithm, unsigned long bits) {
@@ -35,7 +34,7 @@ void runGenerate(const Arguments& arguments) {
     if (arguments.get("type") != "rsa") {
         throw UsageError("CryptoAPI generates --type rsa alone; add --cng for elliptic curves");
     }
-    const ALG_ID algorithm = arguments.getChoice("usage", USAGES) == 0 ? CALG_RSA_SIGN : CALG_RSA_KEYX;
+    const ALG_ID algorithm = arguments.getChoice("usage", KEY_USAGES) == 0 ? CALG_RSA_SIGN : CALG_RSA_KEYX;
     const unsigned long bits = arguments.getNumber("bits", 1, 0xFFFF);
     if (toWide(name).size() > LONGEST_CONTAINER_NAME) {
         throw UsageError("the container's name is longer than the registry can file");

@@ -12,10 +12,8 @@
 
 namespace {
 
-constexpr std::array<std::string_view, 4> HASH_NAMES = {"sha256", "sha384", "sha512", "sha1"};
 constexpr std::array<ALG_ID, 4> HASH_ALGORITHMS = {CALG_SHA_256, CALG_SHA_384, CALG_SHA_512, CALG_SHA1};
 constexpr std::size_t LARGEST_SIGNATURE = 65536;  ///< bytes
-constexpr std::array<std::string_view, 2> ORDERS = {"big", "little"};
 
 /// r || s of P-256, P-384 and P-521. No RSA signature is that short but one of RSA-512, RSA-768 or RSA-1056.
 bool isEllipticSignature(std::size_t size) {
@@ -24,7 +22,7 @@ bool isEllipticSignature(std::size_t size) {
 
 /// Between the order of the file and the one of CryptoAPI, which has RSA signatures little-endian.
 void convertOrder(std::vector<BYTE>& signature, const Arguments& arguments) {
-    if (arguments.getChoice("order", ORDERS) == 0 && !isEllipticSignature(signature.size())) {
+    if (arguments.getChoice("order", SIGNATURE_ORDERS) == 0 && !isEllipticSignature(signature.size())) {
         std::ranges::reverse(signature);
     }
 }
@@ -43,7 +41,7 @@ void requirePkcs1(const Arguments& arguments) {
 std::vector<BYTE> signFile(const Arguments& arguments) {
     const std::string& name = arguments.get("container");
     const ALG_ID algorithm = hashAlgorithm(arguments);
-    arguments.getChoice("order", ORDERS);
+    arguments.getChoice("order", SIGNATURE_ORDERS);
     requirePkcs1(arguments);
     const Context context = openContainer(name);
     const Key key = requireKey(context, name);

@@ -5,6 +5,7 @@
 
 #include "tools/zentok/failure.h"
 #include "tools/zentok/files.h"
+#include "tools/zentok/sized_answer.h"
 #include "tools/zentok/text.h"
 
 namespace {
@@ -132,35 +133,17 @@ std::vector<std::string> listKeys(const Context& context) {
 }
 
 std::vector<BYTE> readCertificate(const Key& key) {
-    DWORD size = 0;
-    if (CryptGetKeyParam(key.get(), KP_CERTIFICATE, nullptr, &size, 0) == FALSE) {
-        if (GetLastError() == static_cast<DWORD>(NTE_NOT_FOUND)) {
-            return {};
-        }
-        throw platformFailure("read the certificate", GetLastError());
-    }
-    std::vector<BYTE> der(size);
-    if (CryptGetKeyParam(key.get(), KP_CERTIFICATE, der.data(), &size, 0) == FALSE) {
-        throw platformFailure("read the certificate", GetLastError());
-    }
-    der.resize(size);
-    return der;
+    return sizedAnswer(
+        "read the certificate",
+        [&](BYTE* data, DWORD* size) { return CryptGetKeyParam(key.get(), KP_CERTIFICATE, data, size, 0); },
+        static_cast<DWORD>(NTE_NOT_FOUND));
 }
 
 std::vector<BYTE> readCertificateChain(const Context& context) {
-    DWORD size = 0;
-    if (CryptGetProvParam(context.get(), PP_CERTCHAIN, nullptr, &size, 0) == FALSE) {
-        if (GetLastError() == static_cast<DWORD>(NTE_NO_KEY)) {
-            return {};
-        }
-        throw platformFailure("read the certificate chain", GetLastError());
-    }
-    std::vector<BYTE> message(size);
-    if (CryptGetProvParam(context.get(), PP_CERTCHAIN, message.data(), &size, 0) == FALSE) {
-        throw platformFailure("read the certificate chain", GetLastError());
-    }
-    message.resize(size);
-    return message;
+    return sizedAnswer(
+        "read the certificate chain",
+        [&](BYTE* data, DWORD* size) { return CryptGetProvParam(context.get(), PP_CERTCHAIN, data, size, 0); },
+        static_cast<DWORD>(NTE_NO_KEY));
 }
 
 Hash startHash(const Context& context, ALG_ID algorithm) {

@@ -9,6 +9,7 @@
 #include <wincrypt.h>
 
 #include "tools/zentok/failure.h"
+#include "tools/zentok/sized_answer.h"
 #include "tools/zentok/text.h"
 
 namespace {
@@ -34,10 +35,6 @@ constexpr BYTE SHA256_WITH_RSA[] = {0x30, 0x0D, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x
                                     0xF7, 0x0D, 0x01, 0x01, 0x0B, 0x05, 0x00};
 constexpr BYTE EC_PUBLIC_KEY[] = {0x06, 0x07, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x02, 0x01};
 constexpr BYTE ECDSA_WITH_SHA256[] = {0x30, 0x0A, 0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x04, 0x03, 0x02};
-
-DATA_BLOB blobOf(std::span<const BYTE> bytes) {
-    return {static_cast<DWORD>(bytes.size()), const_cast<BYTE*>(bytes.data())};
-}
 
 Bytes encodeSequence(std::initializer_list<std::span<const BYTE>> parts) {
     std::vector<CRYPT_DER_BLOB> blobs;
@@ -111,17 +108,9 @@ Bytes derOf(const std::string& content, const std::string& file) {
 }
 
 Bytes encodeObject(const char* type, const void* value, const std::string& action) {
-    constexpr DWORD ENCODING = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
-    DWORD size = 0;
-    if (CryptEncodeObjectEx(ENCODING, type, value, 0, nullptr, nullptr, &size) == FALSE) {
-        throw platformFailure(action, GetLastError());
-    }
-    Bytes der(size);
-    if (CryptEncodeObjectEx(ENCODING, type, value, 0, nullptr, der.data(), &size) == FALSE) {
-        throw platformFailure(action, GetLastError());
-    }
-    der.resize(size);
-    return der;
+    return sizedAnswer(action, [&](BYTE* data, DWORD* size) {
+        return CryptEncodeObjectEx(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, type, value, 0, nullptr, data, size);
+    });
 }
 
 Bytes rsaPublicKeyInfo(std::span<const BYTE> blob) {
