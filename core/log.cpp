@@ -1,7 +1,6 @@
 #include "core/log.h"
 
 #include <algorithm>
-#include <array>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -19,9 +18,6 @@
 #include "core/last_error.h"
 
 namespace {
-
-constexpr std::int32_t HIGHEST_LEVEL = 3;
-constexpr std::int32_t DEFAULT_LEVEL = LOG_LEVEL_ERROR;
 
 /// A lock that may be put around the writing of lines. Nothing assigns it: each line is one append, which the platform
 /// keeps whole.
@@ -148,19 +144,6 @@ void logError(std::string message) {
     if (readLogLevel() >= LOG_LEVEL_ERROR) {
         writeLogLine(LOG_LEVEL_ERROR, std::move(message));
     }
-}
-
-std::int32_t readLogLevel() {
-    const LastErrorKeeper keeper;
-    std::array<unsigned char, 32> data = {};
-    auto size = static_cast<DWORD>(data.size());
-    if (RegGetValueA(HKEY_LOCAL_MACHINE, "Software\\Halvane\\Zentok", "logLevel", RRF_RT_ANY, nullptr, data.data(),
-                     &size) != ERROR_SUCCESS) {
-        return DEFAULT_LEVEL;
-    }
-    std::int32_t level = 0;
-    std::memcpy(&level, data.data(), sizeof level);
-    return level <= HIGHEST_LEVEL ? level : DEFAULT_LEVEL;
 }
 
 void writeLogLine(std::int32_t level, std::string message) {

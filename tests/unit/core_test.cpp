@@ -100,8 +100,17 @@ TEST_F(CoreTest, LogLevels) {
         const Lines log = logOf([] { (logInfo("information"), logError("failure")); });
         EXPECT_EQ(log, lines(level == 3 ? "information|!failure" : level == 2 ? "!failure" : "")) << hex(value);
     }
-    RegDeleteTreeA(HKEY_LOCAL_MACHINE, "Software\\Halvane");
-    EXPECT_EQ(readLogLevel(), 2) << "missing key";
+    // The next line knows of every change, also that the key is gone and another one of its name there.
+    const auto deleted = [] { RegDeleteTreeA(HKEY_LOCAL_MACHINE, "Software\\Halvane"); };
+    const auto levelSet = [](DWORD level) { return [level] { setLogLevel(level); }; };
+    const std::pair<std::function<void()>, std::int32_t> changes[] = {
+        {levelSet(3), 3}, {[] { RegDeleteKeyValueA(HKEY_LOCAL_MACHINE, "Software\\Halvane\\Zentok", "logLevel"); }, 2},
+        {levelSet(1), 1}, {deleted, 2},
+        {levelSet(0), 0}, {[&] { (deleted(), setLogLevel(3)); }, 3}};
+    for (const auto& [change, level] : changes) {
+        change();
+        EXPECT_EQ(readLogLevel(), level);
+    }
 }
 
 TEST_F(CoreTest, LogLinesAndTheFirstOneLost) {

@@ -1,0 +1,84 @@
+// The log's level, asked of the registry for every line: the one cost of a log that is mostly silent.
+#include <array>
+#include <atomic>
+#include <cstring>
+
+#include <windows.h>
+
+#include "core/last_error.h"
+#include "core/log.h"
+
+namespace {
+
+constexpr std::int32_t HIGHEST_LEVEL = 3;
+
+// The key of the settings, opened once and kept: to ask an open key is one call of the system, where opening it, asking
+// and closing it again are three. Only the key is kept, its value is read anew for each line. Plain atomics, so that
+// lines written while the process is taken down find them.
+std::atomic<HKEY> g_settingsKey = nullptr;
+std::atomic<int> g_settingsReaders = 0;
+
+/// Closes the key when the library is unloaded.
+struct SettingsKeyCloser {
+    SettingsKeyCloser() = default;
+    ~SettingsKeyCloser() {
+        if (HKEY key = g_settingsKey.exchange(nullptr); key != nullptr) {
+            RegCloseKey(key);
+        }
+    }
+    SettingsKeyCloser(const SettingsKeyCloser&) = delete;
+    SettingsKeyCloser& operator=(const SettingsKeyCloser&) = delete;
+};
+const SettingsKeyCloser g_settingsKeyCloser;
+
+/// Counts a thread that may be using the kept key.
+struct SettingsReader {
+    SettingsReader() { ++g_settingsReaders; }
+    ~SettingsReader() { --g_settingsReaders; }
+    SettingsReader(const SettingsReader&) = delete;
+    SettingsReader& operator=(const SettingsReader&) = delete;
+};
+
+/// Puts the key that has the settings' name now in the place of `stale`, which is null or was deleted. Null: there is
+/// no such key, or this thread must not read it.
+HKEY reopenSettings(HKEY stale) {
+    HKEY opened = nullptr;
+    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, "Software\\Halvane\\Zentok", 0, KEY_QUERY_VALUE, &opened) != ERROR_SUCCESS) {
+        return nullptr;
+    }
+    if (!g_settingsKey.compare_exchange_strong(stale, opened)) {
+        RegCloseKey(opened);
+        return stale;  // what another thread has just put there
+    }
+    // A deleted key that another thread may still be asking stays open: one handle for each time that the settings are
+    // deleted in the middle of other threads' lines.
+    if (stale != nullptr && g_settingsReaders == 1) {
+        RegCloseKey(stale);
+    }
+    return opened;
+}
+
+LSTATUS readLevelValue(HKEY key, std::array<unsigned char, 32>& data) {
+    auto size = static_cast<DWORD>(data.size());
+    return RegGetValueA(key, nullptr, "logLevel", RRF_RT_ANY, nullptr, data.data(), &size);
+}
+
+}  // namespace
+
+std::int32_t readLogLevel() {
+    const LastErrorKeeper keeper;
+    const SettingsReader reader;
+    std::array<unsigned char, 32> data = {};
+    HKEY key = g_settingsKey;
+    LSTATUS status = key != nullptr ? readLevelValue(key, data) : ERROR_KEY_DELETED;
+    if (status == ERROR_KEY_DELETED) {
+        key = reopenSettings(key);
+        status = key != nullptr ? readLevelValue(key, data) : ERROR_FILE_NOT_FOUND;
+    }
+    if (status != ERROR_SUCCESS) {
+        return LOG_LEVEL_ERROR;
+    }
+    std::int32_t level = 0;
+    std::memcpy(&level, data.data(), sizeof level);
+    return level <= HIGHEST_LEVEL ? level : LOG_LEVEL_ERROR;
+}
