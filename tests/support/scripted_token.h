@@ -51,8 +51,11 @@ public:
     void reset() {
         static_cast<TokenContent&>(*this) = {};
         hashCount = 0;
+        hashes = {};
+        digestsTellSum = false;
+        fault = {};
+        testIsHere();
         const std::lock_guard guard(lock);
-        testThread = std::this_thread::get_id();
         devices = {"T1"};
         recorded = {};
         script = {};
@@ -98,6 +101,27 @@ public:
         return changed.wait_for(guard, std::chrono::seconds(10), [this] { return pollWaits; });
     }
 
+    /// The test goes on in the calling thread: it is that one's calls that are recorded.
+    void testIsHere() {
+        const std::lock_guard guard(lock);
+        testThread = std::this_thread::get_id();
+    }
+
+    /// Sees every recorded call, and may change what the script answers. Any result but 0 of an operation without one
+    /// is an empty answer.
+    std::function<void(const std::string& operation, Answer& answer)> fault;
+
+    /// The hashes that were handed out: one that has ended is refused from then on.
+    struct Hash {
+        bool runs = true;
+        unsigned char sum = 0;  ///< of the bytes that it was fed
+    };
+    std::map<void*, Hash> hashes;
+    bool digestsTellSum = false;  ///< in their first byte
+    bool anyHashRuns() const {
+        return std::any_of(hashes.begin(), hashes.end(), [](const auto& hash) { return hash.second.runs; });
+    }
+
     // For the operations themselves.
     Answer enter(const std::string& operation, const Lines& arguments) {
         // Lists that the library lends may change with its next call: what was not copied is lost.
@@ -111,12 +135,15 @@ public:
         {
             const std::lock_guard guard(lock);
             recorded.push_back(call + ")");
-            if (std::vector<Answer>& answers = script[operation]; !answers.empty()) {
-                answer = answers.back();
-                if (answers.size() > 1) {
-                    answers.pop_back();
+            if (const auto answers = script.find(operation); answers != script.end()) {
+                answer = answers->second.back();
+                if (answers->second.size() > 1) {
+                    answers->second.pop_back();
                 }
             }
+        }
+        if (const auto changes = fault) {
+            changes(operation, answer);
         }
         if (answer.during) {
             answer.during();
@@ -124,8 +151,8 @@ public:
         return answer;
     }
     Lines poll(const Lines& arguments) {
-        if (std::this_thread::get_id() == testThread) {
-            enter("getConnectedDeviceList", arguments);
+        if (std::this_thread::get_id() == testThread && enter("getConnectedDeviceList", arguments).result != TOKEN_OK) {
+            return {};
         }
         std::unique_lock guard(lock);
         if (std::this_thread::get_id() != testThread) {

@@ -123,32 +123,6 @@ TEST(Utils, CommonName) {
     EXPECT_EQ(Utils::extractCommonName("CN=" + std::string(100000, 'x')).size(), 100000U) << "no deep recursion";
 }
 
-Bytes text(unsigned char tag, const std::string& characters) {
-    return derEncodeTlv(tag, Bytes(characters.begin(), characters.end()));
-}
-
-Bytes sequence(const std::vector<Bytes>& parts, unsigned char tag = 0x30) {
-    Bytes content;
-    for (const Bytes& part : parts) {
-        content.insert(content.end(), part.begin(), part.end());
-    }
-    return derEncodeTlv(tag, content);
-}
-
-/// A certificate as far as the platform parses it: its signature is none.
-ZentokCertificate certificate(const std::string& subject, const std::string& issuer) {
-    const auto name = [](const std::string& commonName) {
-        return sequence({sequence({sequence({{0x06, 0x03, 0x55, 0x04, 0x03}, text(0x0C, commonName)})}, 0x31)});
-    };
-    const Bytes algorithm = {0x30, 0x0A, 0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x04, 0x03, 0x02};
-    const Bytes validity = sequence({text(0x17, "200101000000Z"), text(0x17, "491231235959Z")});
-    const Bytes key = rsaPublicKeyBytesToSpki(filled(128, 1), Bytes{1, 0, 1});
-    const Bytes body = sequence({{0x02, 0x01, 0x05}, algorithm, name(issuer), validity, name(subject), key});
-    ZentokCertificate record = {};
-    EXPECT_TRUE(setCertificate(record, sequence({body, algorithm, {0x03, 0x02, 0x00, 0x00}})));
-    return record;
-}
-
 const ZentokCertificate LEAF = certificate("the one on the token", "Mid");
 const ZentokCertificate ROOT = certificate("Root", "Root");
 const ZentokCertificate BROKEN = {};

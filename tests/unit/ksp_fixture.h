@@ -31,6 +31,17 @@ const std::string KSP_CACHED = "KSP: PIN already validated";
 const std::string KSP_ASKS = "KSP: Password not validated, checking SSO|" + ONE_DIALOG;
 const std::string ASKED_AGAIN = "|" + INFO + "|validatePassword('T1', '5678', 1, 0, null)|";
 
+/// The key AA of the token.
+inline KSP_KEY keyObject(std::uint32_t keyType, std::uint32_t bits, const Bytes& publicKey = {}) {
+    KSP_KEY key;
+    std::fill(std::begin(key.credentialId), std::end(key.credentialId), static_cast<unsigned char>(0xAA));
+    key.keyType = keyType;
+    key.bitSize = bits;
+    std::copy(publicKey.begin(), publicKey.end(), key.publicKey);
+    key.publicKeyLength = static_cast<std::int32_t>(publicKey.size());
+    return key;
+}
+
 class KspTest : public ProviderTest {
 protected:
     void SetUp() override {
@@ -40,16 +51,6 @@ protected:
         provider.firmwareVersion = "2.0.0";
         provider.initialized = true;
         cachePin();
-    }
-    /// The key AA of the token.
-    static KSP_KEY keyObject(std::uint32_t keyType, std::uint32_t bits, const Bytes& publicKey = {}) {
-        KSP_KEY key;
-        std::fill(std::begin(key.credentialId), std::end(key.credentialId), static_cast<unsigned char>(0xAA));
-        key.keyType = keyType;
-        key.bitSize = bits;
-        std::copy(publicKey.begin(), publicKey.end(), key.publicKey);
-        key.publicKeyLength = static_cast<std::int32_t>(publicKey.size());
-        return key;
     }
 
     KSP_PROVIDER provider;

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <filesystem>
 
+#include "cert/certificate_import.h"
+#include "cert/key_encoding.h"
 #include "core/container_map.h"
 #include "core/module.h"
 #include "core/pin_cache.h"
@@ -37,6 +39,18 @@ private:
     const std::string path = "Software\\ZentokUnitTest" + std::to_string(GetCurrentProcessId());
 };
 const ::testing::Environment* const g_sandbox = ::testing::AddGlobalTestEnvironment(new Sandbox);
+
+Bytes text(unsigned char tag, const std::string& characters) {
+    return derEncodeTlv(tag, Bytes(characters.begin(), characters.end()));
+}
+
+Bytes sequence(const std::vector<Bytes>& parts, unsigned char tag = 0x30) {
+    Bytes content;
+    for (const Bytes& part : parts) {
+        content.insert(content.end(), part.begin(), part.end());
+    }
+    return derEncodeTlv(tag, content);
+}
 
 }  // namespace
 
@@ -90,6 +104,19 @@ ZentokKeyPair fullRecord(unsigned char id, int usage, int type) {
     key.keyLabelLength = 128;
     key.tokenFlag = true;
     return key;
+}
+
+ZentokCertificate certificate(const std::string& subject, const std::string& issuer) {
+    const auto name = [](const std::string& commonName) {
+        return sequence({sequence({sequence({{0x06, 0x03, 0x55, 0x04, 0x03}, text(0x0C, commonName)})}, 0x31)});
+    };
+    const Bytes algorithm = {0x30, 0x0A, 0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x04, 0x03, 0x02};
+    const Bytes validity = sequence({text(0x17, "200101000000Z"), text(0x17, "491231235959Z")});
+    const Bytes key = rsaPublicKeyBytesToSpki(filled(128, 1), Bytes{1, 0, 1});
+    const Bytes body = sequence({{0x02, 0x01, 0x05}, algorithm, name(issuer), validity, name(subject), key});
+    ZentokCertificate record = {};
+    EXPECT_TRUE(setCertificate(record, sequence({body, algorithm, {0x03, 0x02, 0x00, 0x00}})));
+    return record;
 }
 
 void cachePin() {

@@ -79,6 +79,9 @@ void cachePin();                                                              //
 /// A record with something in every field that a key object copies, and an alias without a terminator.
 ZentokKeyPair fullRecord(unsigned char id, int usage, int type);
 
+/// A certificate as far as the platform parses it: its signature is none.
+ZentokCertificate certificate(const std::string& subject, const std::string& issuer);
+
 /// Every test starts as in a new process: an empty PIN cache, container map and registry, a scripted token without a
 /// script, log level 3. The registry is a private one below HKEY_CURRENT_USER, for this process alone.
 class ProviderTest : public ::testing::Test {
