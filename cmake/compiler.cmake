@@ -8,6 +8,15 @@ if(MSVC)
     target_compile_options(zentok_options INTERFACE /W4 /WX /utf-8 /permissive- /EHsc /guard:cf)
     target_link_options(zentok_options INTERFACE /DYNAMICBASE /NXCOMPAT /HIGHENTROPYVA)
     set(CMAKE_MSVC_RUNTIME_LIBRARY "MultiThreaded$<$<CONFIG:Debug>:Debug>DLL")
+elseif(ZENTOK_WINEGCC)
+    # The cross compiler's build holds the warnings; instrumented code has false ones. Sockets have their prefixed names,
+    # so that they leave the C library's alone.
+    target_compile_definitions(zentok_options INTERFACE USE_WS_PREFIX)
+    target_compile_options(zentok_options INTERFACE
+        $<$<COMPILE_LANGUAGE:CXX>:-include ${CMAKE_SOURCE_DIR}/tests/support/winegcc.h>)
+    add_library(zentok_winegcc OBJECT ${CMAKE_SOURCE_DIR}/tests/support/winegcc.cpp)
+    set_target_properties(zentok_winegcc PROPERTIES POSITION_INDEPENDENT_CODE ON)
+    target_sources(zentok_options INTERFACE $<$<IN_LIST:$<TARGET_PROPERTY:TYPE>,EXECUTABLE\;SHARED_LIBRARY>:$<TARGET_OBJECTS:zentok_winegcc>>)
 else()
     target_compile_options(zentok_options INTERFACE $<$<COMPILE_LANGUAGE:CXX>:
         -Wall -Wextra -Wpedantic -Werror -Wshadow -Wconversion -Wnon-virtual-dtor -Woverloaded-virtual

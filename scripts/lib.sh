@@ -13,6 +13,9 @@ provider_name="Zentok Cryptographic Provider CSP"
 display_pid=
 
 build_packages=(cmake ninja-build g++-mingw-w64-x86-64-posix libgcrypt-mingw-w64-dev googletest)
+# Wine's compiler driver and headers.
+# shellcheck disable=SC2034
+sanitizer_packages=(g++ libwine-dev wine64-tools libgcrypt20-dev)
 run_packages=(wine64 xvfb openssl perl)
 # shellcheck disable=SC2034
 lint_packages=(clang-format clang-tidy shellcheck)

@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/paths.h"
+
 namespace test {
 namespace {
 
@@ -15,7 +17,8 @@ namespace fs = std::filesystem;
 fs::path logFolder() {
     char program[MAX_PATH] = {};
     GetModuleFileNameA(nullptr, program, sizeof program);
-    return fs::temp_directory_path() / "Halvane" / fs::path(program).stem();
+    const std::string path = program, name = path.substr(path.find_last_of('\\') + 1);
+    return temporaryFolder() / "Halvane" / name.substr(0, name.find('.'));
 }
 
 /// The log from this position on. A run over midnight has two files, in the order of their names.
@@ -51,7 +54,7 @@ Lines lines(const std::string& text) {
 }
 
 std::string usePrivateTempFolder(const std::string& name) {
-    static const fs::path base = fs::temp_directory_path();
+    static const fs::path base = temporaryFolder();
     const std::string folder = (base / name).string();
     static const std::uintmax_t leftBehind = fs::remove_all(folder);  // by an earlier run
     static_cast<void>(leftBehind);

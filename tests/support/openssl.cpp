@@ -49,19 +49,6 @@ bool startNative(const std::vector<std::string>& command) {
 
 }  // namespace
 
-std::string nativePath(const std::string& path) {
-    using Convert = char* (*)(const wchar_t*);
-    const auto convert = reinterpret_cast<Convert>(
-        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32"), "wine_get_unix_file_name")));
-    if (convert == nullptr) {
-        return path;
-    }
-    char* const converted = convert(std::filesystem::path(path).c_str());
-    std::string result = converted == nullptr ? std::string() : converted;
-    HeapFree(GetProcessHeap(), 0, converted);
-    return result;
-}
-
 CommandResult runOpenssl(const std::vector<std::string>& arguments) {
     const ScratchFolder scratch;
     std::vector<std::string> command = {
@@ -88,9 +75,9 @@ CommandResult runOpenssl(const std::vector<std::string>& arguments) {
 
 ScratchFolder::ScratchFolder() {
     static std::atomic<unsigned> counter{0};
-    folder = (std::filesystem::temp_directory_path() /
-              ("zentok-test-" + std::to_string(GetCurrentProcessId()) + "-" + std::to_string(++counter)))
-                 .string();
+    folder =
+        (temporaryFolder() / ("zentok-test-" + std::to_string(GetCurrentProcessId()) + "-" + std::to_string(++counter)))
+            .string();
     std::filesystem::remove_all(folder);
     std::filesystem::create_directories(folder);
 }
@@ -101,7 +88,7 @@ ScratchFolder::~ScratchFolder() {
 }
 
 std::string ScratchFolder::write(const std::string& name, const Bytes& contents) const {
-    std::ofstream(std::filesystem::path(file(name)), std::ios::binary)
+    std::ofstream(file(name), std::ios::binary)
         .write(reinterpret_cast<const char*>(contents.data()), static_cast<std::streamsize>(contents.size()));
     return nativeFile(name);
 }

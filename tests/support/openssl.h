@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/paths.h"
+
 namespace test {
 
 using Bytes = std::vector<unsigned char>;
@@ -17,9 +19,6 @@ struct CommandResult {
 /// Runs openssl with these arguments, each passed on exactly as it stands, and waits for its end.
 CommandResult runOpenssl(const std::vector<std::string>& arguments);
 
-/// The path of a file of this program as openssl sees it.
-std::string nativePath(const std::string& path);
-
 /// A folder of its own in the temporary folder, deleted with all its files at the end.
 class ScratchFolder {
 public:
@@ -29,7 +28,7 @@ public:
     ScratchFolder& operator=(const ScratchFolder&) = delete;
 
     [[nodiscard]] const std::string& path() const { return folder; }
-    [[nodiscard]] std::string file(const std::string& name) const { return folder + "\\" + name; }
+    [[nodiscard]] std::string file(const std::string& name) const { return folder + "/" + name; }
     [[nodiscard]] std::string nativeFile(const std::string& name) const { return nativePath(file(name)); }
 
     /// Writes a file and returns its native path.

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <cstring>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -125,8 +124,8 @@ public:
     // For the operations themselves.
     Answer enter(const std::string& operation, const Lines& arguments) {
         // Lists that the library lends may change with its next call: what was not copied is lost.
-        std::memset(static_cast<void*>(lentKeyPairs.data()), 0xDD, lentKeyPairs.size() * sizeof(ZentokKeyPair));
-        std::memset(static_cast<void*>(lentAesKeys.data()), 0xDD, lentAesKeys.size() * sizeof(ZentokSymmetricKey));
+        overwrite(lentKeyPairs);
+        overwrite(lentAesKeys);
         std::string call = operation + "(";
         for (const std::string& argument : arguments) {
             call += (call.back() == '(' ? "" : ", ") + argument;
@@ -168,6 +167,12 @@ public:
     unsigned hashCount = 0;
 
 private:
+    template <typename Record>
+    static void overwrite(std::vector<Record>& records) {
+        auto* const bytes = reinterpret_cast<unsigned char*>(records.data());
+        std::fill_n(bytes, records.size() * sizeof(Record), static_cast<unsigned char>(0xDD));
+    }
+
     std::mutex lock;
     std::condition_variable changed;
     std::thread::id testThread;

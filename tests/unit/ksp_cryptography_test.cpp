@@ -206,7 +206,7 @@ TEST_F(KspSecretTest, DerivationKeepsToTheBuffers) {
         RimmedBuffer key(room);
         EXPECT_EQ(derive(key.data(), room), room != 0 ? 0 : NTE_BUFFER_TOO_SMALL);
         EXPECT_EQ(length, room == 16 ? 16U : 48U);
-        EXPECT_EQ(key.first(std::min(room, 48UL)), filled(std::min(room, 48UL)));
+        EXPECT_EQ(key.first(std::min<DWORD>(room, 48)), filled(std::min<DWORD>(room, 48)));
     }
     EXPECT_EQ(token().takeCalls()[0], "initHash('T1', 4, null, null)");
     token().on("finalHash", {{.length = 49}});

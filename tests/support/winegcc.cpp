@@ -1,0 +1,42 @@
+// What a native program of the C++ library needs to run under Wine and the sanitizers; linked into every binary.
+#include <memory>
+#include <system_error>
+#include <thread>
+
+#include <sanitizer/asan_interface.h>
+#include <windows.h>
+
+// A thread that Wine did not start cannot make a call of the platform: the C++ library's threads become Wine's.
+void std::thread::_M_start_thread(_State_ptr state, void (*)()) {
+    struct Start {
+        static DWORD WINAPI run(void* state) {
+            const _State_ptr owned(static_cast<_State*>(state));
+            owned->_M_run();
+            return 0;
+        }
+    };
+    const HANDLE handle = CreateThread(nullptr, 0, Start::run, state.get(), 0, nullptr);
+    if (handle == nullptr) {
+        throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
+    }
+    static_cast<void>(state.release());
+    _M_id = id(reinterpret_cast<native_handle_type>(handle));
+}
+
+void std::thread::join() {
+    WaitForSingleObject(reinterpret_cast<HANDLE>(native_handle()), INFINITE);
+    detach();
+}
+
+void std::thread::detach() {
+    CloseHandle(reinterpret_cast<HANDLE>(native_handle()));
+    _M_id = id();
+}
+
+// Called before every throw. The sanitizer knows only the stack that the system gave a thread, and Wine runs programs
+// on stacks of its own: the frames that a throw ends must not stay marked.
+extern "C" void __asan_handle_no_return() {
+    char here = 0;
+    const auto* const top = static_cast<const char*>(reinterpret_cast<const NT_TIB*>(NtCurrentTeb())->StackBase);
+    __asan_unpoison_memory_region(&here, static_cast<std::size_t>(top - &here));
+}
