@@ -14,9 +14,13 @@ elseif(ZENTOK_WINEGCC)
     target_compile_definitions(zentok_options INTERFACE USE_WS_PREFIX)
     target_compile_options(zentok_options INTERFACE
         $<$<COMPILE_LANGUAGE:CXX>:-include ${CMAKE_SOURCE_DIR}/tests/support/winegcc.h>)
-    add_library(zentok_winegcc OBJECT ${CMAKE_SOURCE_DIR}/tests/support/winegcc.cpp)
-    set_target_properties(zentok_winegcc PROPERTIES POSITION_INDEPENDENT_CODE ON)
-    target_sources(zentok_options INTERFACE $<$<IN_LIST:$<TARGET_PROPERTY:TYPE>,EXECUTABLE\;SHARED_LIBRARY>:$<TARGET_OBJECTS:zentok_winegcc>>)
+    add_library(zentok_winegcc OBJECT tests/support/winegcc.cpp)
+    target_link_libraries(zentok_winegcc PRIVATE zentok_options)
+    # CMake finds neither these folders nor these names by itself.
+    list(APPEND CMAKE_CXX_IMPLICIT_INCLUDE_DIRECTORIES /usr/include)
+    set(CMAKE_EXECUTABLE_SUFFIX .exe.so)
+    set(CMAKE_SHARED_LIBRARY_SUFFIX .dll.so)
+    set(CMAKE_LINK_DEF_FILE_FLAG "")
 else()
     target_compile_options(zentok_options INTERFACE $<$<COMPILE_LANGUAGE:CXX>:
         -Wall -Wextra -Wpedantic -Werror -Wshadow -Wconversion -Wnon-virtual-dtor -Woverloaded-virtual
@@ -26,3 +30,32 @@ else()
     target_link_options(zentok_options INTERFACE
         -static -fstack-protector-strong -Wl,--dynamicbase,--nxcompat,--high-entropy-va,--no-undefined)
 endif()
+
+# What the tests have in addition: undefined behaviour stops them where it happens. The toolchain of the sanitizers says
+# more about it, by itself.
+add_library(zentok_checks INTERFACE)
+if(NOT MSVC AND NOT ZENTOK_WINEGCC)
+    target_compile_options(zentok_checks INTERFACE
+        $<$<COMPILE_LANGUAGE:CXX>:-fsanitize=undefined -fsanitize-undefined-trap-on-error>
+        -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+    target_link_libraries(zentok_checks INTERFACE ssp)
+endif()
+
+# zentok_native(name): links what a native program or library needs under Wine, whose loader takes name.dll.so for
+# name.dll, and name.exe.so for name.exe, by a link alone.
+function(zentok_native name)
+    if(ZENTOK_WINEGCC)
+        target_link_libraries(${name} PRIVATE zentok_winegcc)
+        get_target_property(type ${name} TYPE)
+        set(suffix $<IF:$<STREQUAL:${type},EXECUTABLE>,exe,dll>)
+        add_custom_command(TARGET ${name} POST_BUILD COMMAND ${CMAKE_COMMAND} -E create_symlink
+            ${name}.${suffix}.so $<TARGET_FILE_DIR:${name}>/${name}.${suffix})
+    endif()
+endfunction()
+
+# zentok_library(name): a DLL whose exports are in its .def file, under exactly its name.
+function(zentok_library name)
+    set_target_properties(${name} PROPERTIES PREFIX "")
+    target_link_libraries(${name} PRIVATE zentok_options)
+    zentok_native(${name})
+endfunction()

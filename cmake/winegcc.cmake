@@ -3,6 +3,7 @@
 set(CMAKE_C_COMPILER winegcc)
 set(CMAKE_CXX_COMPILER wineg++)
 set(CMAKE_RC_COMPILER wrc)
+set(CMAKE_LIBRARY_ARCHITECTURE x86_64-linux-gnu)
 # The platform's wide text has 16-bit units here too, but the native C library's wchar_t keeps its 32.
 # _WIN32 would turn the native C++ library's own paths, and GoogleTest, into Windows ones.
 set(sanitized "-U_WIN32 -O1 -g1 -fno-omit-frame-pointer -fno-short-wchar")

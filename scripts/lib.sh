@@ -11,9 +11,9 @@ stripped=$build/stripped
 # shellcheck disable=SC2034  # the scripts that source this use it
 provider_name="Zentok Cryptographic Provider CSP"
 display_pid=
+wine_environment=()  # NAME=VALUE for Wine's own process
 
 build_packages=(cmake ninja-build g++-mingw-w64-x86-64-posix libgcrypt-mingw-w64-dev googletest)
-# Wine's compiler driver and headers.
 # shellcheck disable=SC2034
 sanitizer_packages=(g++ libwine-dev wine64-tools libgcrypt20-dev)
 run_packages=(wine64 xvfb openssl perl)
@@ -74,16 +74,22 @@ need_packages() {
 
 # --- Build ------------------------------------------------------------------------------------------------------------
 
-# build_project TARGET...: builds them into build/bin and build/tests; quiet unless it fails.
-build_project() {
-    local log=$build/build.log
-    need_packages "${build_packages[@]}"
-    mkdir -p "$build"
-    say "Building in ${build#"$root"/}"
-    if ! (cd "$root" && cmake --preset mingw -B "$build" && cmake --build "$build" --target "$@") >"$log" 2>&1; then
+# build_in FOLDER PRESET TARGET...: quiet unless it fails.
+build_in() {
+    local folder=$1 preset=$2 log=$1/build.log
+    shift 2
+    mkdir -p "$folder"
+    say "Building in ${folder#"$root"/}"
+    if ! (cd "$root" && cmake --preset "$preset" -B "$folder" && cmake --build "$folder" --target "$@") >"$log" 2>&1; then
         grep -E -A8 'FAILED|error|Error' "$log" | head -n 80 >&2 || true
         die "the build failed; all of its output is in $log"
     fi
+}
+
+# build_project TARGET...: builds them into build/bin and build/tests.
+build_project() {
+    need_packages "${build_packages[@]}"
+    build_in "$build" mingw "$@"
 }
 
 # --- Setup ------------------------------------------------------------------------------------------------------------
@@ -126,8 +132,15 @@ find_wine() {
 # run_wine SECONDS PROGRAM ARGUMENT...: descriptor 9 carries the lock of the prefix and 8 a script's own output; neither
 # must outlive the script. A script that waits for a background process is woken by signals at once.
 run_wine() {
-    timeout -k 10 "$1" "$wine_loader" "${@:2}" </dev/null 8>&- 9>&- &
+    timeout -k 10 "$1" env "${wine_environment[@]}" "$wine_loader" "${@:2}" </dev/null 8>&- 9>&- &
     wait $!
+}
+
+# use_binaries FOLDER: programs outside of it find the provider and the token library there.
+use_binaries() {
+    bin=$1
+    WINEPATH=$(windows_path "$bin")
+    export WINEPATH
 }
 
 # start_wine PREFIX: a Wine prefix that is ready for use, made when it is not there, with a server that lives on until
@@ -135,9 +148,9 @@ run_wine() {
 start_wine() {
     find_wine
     export WINEPREFIX=$1 WINESERVER=$wine_server WINEDEBUG=${WINEDEBUG:--all}
-    # Programs outside of build/bin find the token library there. Nobody is asked to download Mono or Gecko.
-    export WINEPATH WINEDLLOVERRIDES="mscoree=;mshtml=;winemenubuilder.exe="
-    WINEPATH=$(windows_path "$bin")
+    # Nobody is asked to download Mono or Gecko.
+    export WINEDLLOVERRIDES="mscoree=;mshtml=;winemenubuilder.exe="
+    use_binaries "$bin"
 
     mkdir -p "${WINEPREFIX%/*}"
     exec 9>"$WINEPREFIX.lock"

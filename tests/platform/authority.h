@@ -55,7 +55,7 @@ private:
                                              files.nativeFile(name + ".key"), "-out", certificate(name)});
         openssl(arguments);
     }
-    const std::string FOLDER = "ZentokDSC\\Certificates\\";
+    const std::string FOLDER = "ZentokDSC/Certificates/";
 };
 
 }  // namespace test

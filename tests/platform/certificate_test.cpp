@@ -60,7 +60,7 @@ Bytes signMessage(const std::string& container, const Bytes& certificate, const 
     }
     EXPECT_EQ(carried.size(), 3U);
     carried.push_back(CertCreateCertificateContext(ENCODING, certificate.data(), sizeOf(certificate)));
-    std::wstring name = wide(container), provider = wide(PROVIDER);
+    auto name = wide(container), provider = wide(PROVIDER);
     CRYPT_KEY_PROV_INFO key = {name.data(), provider.data(), PROV_RSA_FULL, 0, 0, nullptr, AT_SIGNATURE};
     EXPECT_EQ(outcome(CertSetCertificateContextProperty(carried.back(), CERT_KEY_PROV_INFO_PROP_ID, 0, &key)), OK);
     char sha256[] = szOID_NIST_sha256;

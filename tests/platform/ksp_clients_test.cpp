@@ -23,8 +23,8 @@ TEST_F(KspClientsTest, ABrowsersKeyAndAManagedRuntimes) {
         EXPECT_EQ(storage.property(key, TEXT("Provider Handle")), bytesOf(storage.get()));
         EXPECT_EQ(answer(0, table().GetProviderProperty, storage.get(), NCRYPT_NAME_PROPERTY), wideBytes(PROVIDER));
         DWORD size = 0;
-        EXPECT_EQ(outcome(table().GetKeyProperty(storage.get(), key.get(), TEXT("A property of its own"), nullptr, 0,
-                                                 &size, NCRYPT_SILENT_FLAG)),
+        EXPECT_EQ(code(table().GetKeyProperty(storage.get(), key.get(), TEXT("A property of its own"), nullptr, 0,
+                                              &size, NCRYPT_SILENT_FLAG)),
                   code(NTE_NOT_SUPPORTED));
         EXPECT_EQ(storage.property(key, NCRYPT_ALGORITHM_GROUP_PROPERTY), wideBytes(kind.group));
         EXPECT_EQ(storage.property(key, NCRYPT_LENGTH_PROPERTY), bytesOf(kind.bits));
@@ -33,8 +33,8 @@ TEST_F(KspClientsTest, ABrowsersKeyAndAManagedRuntimes) {
         // The runtime knows the size, and wants nobody to be asked for a PIN.
         Bytes signature(kind.signatureSize());
         const auto signSilently = [&, flags = padding | NCRYPT_SILENT_FLAG] {
-            return outcome(table().SignHash(storage.get(), key.get(), nullptr, digest.data(), sizeOf(digest),
-                                            signature.data(), sizeOf(signature), &size, flags));
+            return code(table().SignHash(storage.get(), key.get(), nullptr, digest.data(), sizeOf(digest),
+                                         signature.data(), sizeOf(signature), &size, flags));
         };
         EXPECT_EQ(signSilently(), code(NTE_SILENT_CONTEXT));
         EXPECT_EQ(storage.logIn(WRONG_PIN), code(NTE_VALIDATION_FAILED));
@@ -66,11 +66,11 @@ TEST_F(KspClientsTest, AnEnrolment) {
         const KeyStorage storage(nullptr);
         NCryptKeyName* name = nullptr;
         PVOID state = nullptr;
-        const auto nextKey = [&] { return outcome(table().EnumKeys(storage.get(), nullptr, &name, &state, 0)); };
+        const auto nextKey = [&] { return code(table().EnumKeys(storage.get(), nullptr, &name, &state, 0)); };
         ASSERT_EQ(nextKey(), OK);
         EXPECT_EQ(name->pszAlgid, wide(kind.algorithm));
         KspKey key;
-        ASSERT_EQ(outcome(table().OpenKey(storage.get(), key.out(), name->pszName, name->dwLegacyKeySpec, 0)), OK);
+        ASSERT_EQ(code(table().OpenKey(storage.get(), key.out(), name->pszName, name->dwLegacyKeySpec, 0)), OK);
         EXPECT_EQ(storage.property(key, NCRYPT_CERTIFICATE_PROPERTY), certificate);
         EXPECT_EQ(nextKey(), code(NTE_NO_MORE_ITEMS));
         table().FreeBuffer(name);

@@ -96,7 +96,7 @@ TEST_F(KspTest, SecretsAreOpenssls) {
         const Bytes z = fromOpenssl({"pkeyutl", "-derive", "-inkey", peer.privateKey, "-peerkey", publicKey});
         ASSERT_EQ(z.size(), kind.bytes());
         KspSecret secret;
-        ASSERT_EQ(outcome(table().SecretAgreement(storage.get(), key.get(), peerKey.get(), secret.out(), 0)), OK);
+        ASSERT_EQ(code(table().SecretAgreement(storage.get(), key.get(), peerKey.get(), secret.out(), 0)), OK);
         for (const char* hash : {"SHA1", "SHA224", "SHA256", "SHA384", "SHA512"}) {
             Bytes name = wideBytes(hash);
             NCryptBuffer buffers[] = {{sizeOf(name), KDF_HASH_ALGORITHM, name.data()},

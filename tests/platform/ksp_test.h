@@ -70,41 +70,40 @@ inline Bytes wideBytes(const std::string& text) {
 /// Asks a function whose last arguments are the buffer, its size, the answer's size and flags.
 template <typename Function, typename... Arguments>
 Bytes answer(DWORD flags, Function function, Arguments... arguments) {
-    return answerOf([&](BYTE* data, DWORD* size) { return function(arguments..., data, *size, size, flags); });
+    return answerOf([&](BYTE* data, DWORD* size) { return code(function(arguments..., data, *size, size, flags)); });
 }
 
 /// An opened provider. Its calls expect success, unless they give a code.
 class KeyStorage {
 public:
     explicit KeyStorage(const char* pin = PIN) {
-        EXPECT_EQ(outcome(table().OpenProvider(provider.out(), TEXT(""), 0)), OK);
+        EXPECT_EQ(code(table().OpenProvider(provider.out(), TEXT(""), 0)), OK);
         EXPECT_TRUE(pin == nullptr || logIn(pin) == OK);
     }
 
     /// Through the PIN property: no dialog.
     [[nodiscard]] Code logIn(std::string pin) const {
         auto* const text = reinterpret_cast<BYTE*>(pin.data());
-        return outcome(table().SetProviderProperty(get(), NCRYPT_PIN_PROPERTY, text, 1, 0));
+        return code(table().SetProviderProperty(get(), NCRYPT_PIN_PROPERTY, text, 1, 0));
     }
     [[nodiscard]] KspKey open(const std::string& keyText, DWORD keySpec = 0) const {
         KspKey key;
-        EXPECT_EQ(outcome(table().OpenKey(get(), key.out(), wide(keyText).c_str(), keySpec, 0)), OK);
+        EXPECT_EQ(code(table().OpenKey(get(), key.out(), wide(keyText).c_str(), keySpec, 0)), OK);
         return key;
     }
     /// An RSA key comes from the size, and an ECDH key is one by its usage.
     [[nodiscard]] KspKey create(const Kind& kind) const {
         KspKey key;
         const DWORD usage = kind.group == std::string("ECDH") ? NCRYPT_ALLOW_DECRYPT_FLAG : NCRYPT_ALLOW_ALL_USAGES;
-        EXPECT_EQ(outcome(table().CreatePersistedKey(get(), key.out(), wide(kind.algorithm).c_str(), TEXT(""), 0, 0)),
-                  OK);
+        EXPECT_EQ(code(table().CreatePersistedKey(get(), key.out(), wide(kind.algorithm).c_str(), TEXT(""), 0, 0)), OK);
         EXPECT_EQ(setProperty(key, NCRYPT_LENGTH_PROPERTY, bytesOf(kind.bits)), OK);
         EXPECT_EQ(setProperty(key, NCRYPT_KEY_USAGE_PROPERTY, bytesOf(usage)), OK);
-        EXPECT_EQ(outcome(table().FinalizeKey(get(), key.get(), 0)), OK);
+        EXPECT_EQ(code(table().FinalizeKey(get(), key.get(), 0)), OK);
         return key;
     }
     [[nodiscard]] KspKey import(const WCHAR* type, Bytes blob, const KspKey& by = {}, Code result = OK) const {
         KspKey key;
-        EXPECT_EQ(outcome(table().ImportKey(get(), by.get(), type, nullptr, key.out(), blob.data(), sizeOf(blob), 0)),
+        EXPECT_EQ(code(table().ImportKey(get(), by.get(), type, nullptr, key.out(), blob.data(), sizeOf(blob), 0)),
                   result);
         return key;
     }
@@ -124,14 +123,14 @@ public:
         return token.publicKey(keyText);
     }
     [[nodiscard]] Code setProperty(const KspKey& key, const WCHAR* name, Bytes value) const {
-        return outcome(table().SetKeyProperty(get(), key.get(), name, value.data(), sizeOf(value), 0));
+        return code(table().SetKeyProperty(get(), key.get(), name, value.data(), sizeOf(value), 0));
     }
     [[nodiscard]] Bytes sign(const KspKey& key, Bytes digest, DWORD padding) const {
         return answer(padding, table().SignHash, get(), key.get(), nullptr, digest.data(), sizeOf(digest));
     }
     [[nodiscard]] Code verify(const KspKey& key, Bytes digest, Bytes signature, DWORD padding) const {
-        return outcome(table().VerifySignature(get(), key.get(), nullptr, digest.data(), sizeOf(digest),
-                                               signature.data(), sizeOf(signature), padding));
+        return code(table().VerifySignature(get(), key.get(), nullptr, digest.data(), sizeOf(digest), signature.data(),
+                                            sizeOf(signature), padding));
     }
     /// `function`: the table's Encrypt or Decrypt.
     [[nodiscard]] Bytes crypt(NCryptEncryptFn function, const KspKey& key, Bytes input, DWORD flags = 0,

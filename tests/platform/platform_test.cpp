@@ -1,9 +1,6 @@
 #include "tests/platform/platform_test.h"
 
-#include <cstdlib>
 #include <thread>
-
-#include <process.h>
 
 namespace test {
 namespace {
@@ -35,18 +32,31 @@ bool logShowsRemoval(const Token& token, std::size_t start) {
     return comes([&] { return logFileText().find(line, start) != std::string::npos; });
 }
 
-intptr_t runChild(const std::string& role, const std::string& container) {
+DWORD runChild(const std::string& role, const std::string& container) {
     char program[MAX_PATH] = {};
     GetModuleFileNameA(nullptr, program, sizeof program);
-    const std::string quoted = "\"" + container + "\"";
-    return _spawnl(_P_WAIT, program, "platform_test", "--child", role.c_str(), quoted.c_str(), nullptr);
+    std::string line = "platform_test --child " + role + " \"" + container + "\"";
+    STARTUPINFOA start = {};
+    start.cb = sizeof start;
+    PROCESS_INFORMATION process = {};
+    DWORD exitCode = 0;
+#ifdef __WINE__
+    const SanitizedChildren sanitized;
+#endif
+    if (CreateProcessA(program, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &start, &process)) {
+        WaitForSingleObject(process.hProcess, INFINITE);
+        GetExitCodeProcess(process.hProcess, &exitCode);
+        CloseHandle(process.hThread);
+        CloseHandle(process.hProcess);
+    }
+    return exitCode;
 }
 
 namespace {
 
 /// Ends a child process with what its role has opened still open.
 [[noreturn]] void end(bool succeeded) {
-    std::exit(succeeded ? CHILD_SUCCEEDED : 1);
+    ExitProcess(succeeded ? CHILD_SUCCEEDED : 1);
 }
 
 /// Loads the provider itself, asks for its table and frees it, time after time: fine when it stays from the first on.

@@ -37,8 +37,8 @@ constexpr Code code(long value) {
 inline Code outcome(BOOL result) {
     return result != FALSE ? OK : static_cast<Code>(GetLastError());
 }
-inline Code outcome(SECURITY_STATUS status) {
-    return code(status);
+inline Code outcome(Code result) {
+    return result;
 }
 inline void PrintTo(Code value, std::ostream* stream) {
     *stream << "0x" << std::hex << static_cast<DWORD>(value) << std::dec;
@@ -140,7 +140,7 @@ inline const Bytes& document() {
 inline Bytes reversed(const Bytes& bytes) {
     return {bytes.rbegin(), bytes.rend()};
 }
-inline std::wstring wide(const std::string& text) {
+inline std::basic_string<WCHAR> wide(const std::string& text) {
     return {text.begin(), text.end()};
 }
 
@@ -252,7 +252,7 @@ public:
         return throughOpenssl(command, clear);
     }
     [[nodiscard]] std::string folder(const char* hidden = "") const {
-        return softtoken::tokenHome() + "\\" + hidden + serial;
+        return softtoken::tokenHome() + "/" + hidden + serial;
     }
     void pullOut() const { move(folder(), folder(".")); }  // no serial begins with a dot
     void plugIn() const { move(folder("."), folder()); }
@@ -280,7 +280,7 @@ protected:
 bool logShowsRemoval(const Token& token, std::size_t start);
 
 /// Plays a role of platform_test.cpp in another process: its exit code.
-intptr_t runChild(const std::string& role, const std::string& container);
-constexpr int CHILD_SUCCEEDED = 42;
+DWORD runChild(const std::string& role, const std::string& container);
+constexpr DWORD CHILD_SUCCEEDED = 42;
 
 }  // namespace test

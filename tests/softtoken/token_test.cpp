@@ -57,7 +57,7 @@ TEST_F(SoftTokenTest, CertificatesAreReadStoredAndFound) {
     EXPECT_EQ(zentok_importCertificate(SERIAL, PIN, &record, nullptr), 0);
     const ZentokCertificate* const found = zentok_findCertificateForKey(SERIAL, pair.credentialId, nullptr);
     EXPECT_TRUE(found != nullptr && std::memcmp(found, &record, sizeof record) == 0);
-    const std::vector<std::pair<std::string, Bytes>> files = {{scratch.file("leaf.CRT"), leaf}};
+    const std::vector<std::pair<std::string, Bytes>> files = {{scratch.path() + "\\leaf.CRT", leaf}};
     EXPECT_EQ(zentok_getFilesWithExtensionsAndConvertDER(scratch.path(), {".crt", ".key"}, nullptr), files);
 }
 

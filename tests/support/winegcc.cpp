@@ -1,15 +1,24 @@
 // What a native program of the C++ library needs to run under Wine and the sanitizers; linked into every binary.
 #include <cstdlib>
 #include <memory>
+#include <string>
 #include <system_error>
 #include <thread>
 
 #include <sanitizer/asan_interface.h>
 #include <windows.h>
 
-// The runtime is preloaded into this process. A child must start without: the shadow memory covers the addresses at which
-// Windows programs want to stand.
+// The runtime is preloaded into this process. A child must start without: the shadow memory covers the addresses at
+// which Windows programs want to stand.
+static const std::string g_runtime = std::getenv("LD_PRELOAD") != nullptr ? std::getenv("LD_PRELOAD") : "";
 static const int g_childrenWithout = unsetenv("LD_PRELOAD");
+
+SanitizedChildren::SanitizedChildren() {
+    setenv("LD_PRELOAD", g_runtime.c_str(), 1);
+}
+SanitizedChildren::~SanitizedChildren() {
+    unsetenv("LD_PRELOAD");
+}
 
 // A thread that Wine did not start cannot make a call of the platform: the C++ library's threads become Wine's.
 void std::thread::_M_start_thread(_State_ptr state, void (*)()) {

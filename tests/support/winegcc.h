@@ -23,6 +23,20 @@ typedef struct _BCRYPT_INTERFACE_VERSION {
     USHORT MinorVersion;
 } BCRYPT_INTERFACE_VERSION;
 
+// Wine has these as text of wchar_t.
+#undef NCRYPT_ALGORITHM_GROUP_PROPERTY
+#undef NCRYPT_CERTIFICATE_PROPERTY
+#undef NCRYPT_KEY_USAGE_PROPERTY
+#undef NCRYPT_LENGTH_PROPERTY
+#undef NCRYPT_NAME_PROPERTY
+#undef NCRYPT_PIN_PROPERTY
+#define NCRYPT_ALGORITHM_GROUP_PROPERTY TEXT("Algorithm Group")
+#define NCRYPT_CERTIFICATE_PROPERTY TEXT("SmartCardKeyCertificate")
+#define NCRYPT_KEY_USAGE_PROPERTY TEXT("Key Usage")
+#define NCRYPT_LENGTH_PROPERTY TEXT("Length")
+#define NCRYPT_NAME_PROPERTY TEXT("Name")
+#define NCRYPT_PIN_PROPERTY TEXT("SmartCardPin")
+
 #define NCRYPTBUFFER_VERSION 0
 #define NCRYPT_ALLOW_ALL_USAGES 0x00FFFFFF
 #define NCRYPT_ALLOW_DECRYPT_FLAG 1
@@ -42,3 +56,9 @@ typedef struct _NCRYPT_SUPPORTED_LENGTHS {
     DWORD dwIncrement;
     DWORD dwDefaultLength;
 } NCRYPT_SUPPORTED_LENGTHS;
+
+/// While it lives, a child process starts with the sanitizers' runtime, as another run of the same program has to.
+struct SanitizedChildren {
+    SanitizedChildren();
+    ~SanitizedChildren();
+};
