@@ -1,35 +1,11 @@
-// The provider's life inside its host: contexts that come and go, tokens pulled out, processes that end, and users who
-// are asked for the PIN and answer with the keys of the machine.
-#include <thread>
-
+// The provider's life inside its host: tokens pulled out, containers deleted, and users who are asked for the PIN and
+// answer with the keys of the machine.
 #include "tests/platform/platform_test.h"
 
 namespace test {
 namespace {
 
 using HostingTest = PlatformTest;
-
-TEST_F(HostingTest, AcquiringManyTimesLosesNothing) {
-    const auto acquireManyTimes = [](const std::string& opened, DWORD flags, Code result) {
-        const DWORD slot = TlsAlloc();
-        TlsFree(slot);
-        for (int round = 0; round < 200; ++round) {
-            ASSERT_EQ(tryAcquire(opened, flags), result) << round;
-        }
-        const DWORD next = TlsAlloc();
-        TlsFree(next);
-        EXPECT_LT(next, slot + 8) << "threads take some at their first steps " << opened << flags;
-    };
-    setLogLevel(2);
-    tryAcquire("");  // what is loaded now stays
-    acquireManyTimes("", 0, NO_TOKEN);
-    acquireManyTimes("", CRYPT_VERIFYCONTEXT, OK);
-    const Token token;
-    acquireManyTimes(token.addKey(), 0, OK);
-    acquireManyTimes(container, CRYPT_NEWKEYSET | CRYPT_SILENT, OK);
-    acquireManyTimes(container, CRYPT_DELETEKEYSET, OK);
-    EXPECT_NE(GetModuleHandleA("ZentokCSP.dll"), nullptr) << "the monitor and the logins need it";
-}
 
 TEST_F(HostingTest, ATokenPulledOutTakesItsLoginAlong) {
     const Token gone;
@@ -61,32 +37,6 @@ TEST_F(HostingTest, ATokenPulledOutTakesItsLoginAlong) {
     const PasswordUser user({logIn(PIN)});
     EXPECT_EQ(sign(hash, signature), OK) << "the old context lives on";
     EXPECT_EQ(sign(acquire(keyText)), OK);
-}
-
-TEST_F(HostingTest, AProcessEndsWhateverIsOpen) {
-    const Token token;
-    const std::string keyText = token.addKey();
-    for (const char* role : {"released", "all-open", "dialog-open", "loading"}) {
-        EXPECT_EQ(runChild(role, keyText), CHILD_SUCCEEDED) << role;
-    }
-}
-
-TEST_F(HostingTest, ManyThreads) {
-    const Token token;
-    const std::string keyText = token.addKey();
-    const auto work = [&] {
-        const Context context = acquire(keyText);
-        const Hash hash = hashOf(context, document());
-        Bytes signature;
-        EXPECT_EQ(sign(hash, signature), OK);
-        EXPECT_EQ(verify(hash, signature, userKey(context)), OK);
-    };
-    const PasswordUser user({logIn(PIN)});
-    work();
-    std::vector<std::jthread> threads;
-    while (threads.size() < 8) {
-        threads.emplace_back(work);
-    }
 }
 
 TEST_F(HostingTest, ContainersAreDeleted) {

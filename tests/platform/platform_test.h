@@ -3,6 +3,7 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <ostream>
 #include <string>
 #include <utility>
@@ -279,8 +280,13 @@ protected:
 /// Waits for the log to show that the provider misses the token. Lines before `start` do not count.
 bool logShowsRemoval(const Token& token, std::size_t start);
 
-/// Plays a role of platform_test.cpp in another process: its exit code.
-DWORD runChild(const std::string& role, const std::string& container);
+/// Waits until the condition holds; false when it does not come to that.
+bool comes(const std::function<bool()>& condition);
+
+/// Plays a role of child_roles.cpp in another process, which ends as `how` says: its exit code, or that it hung.
+DWORD runChild(const std::string& role, const std::string& container, const std::string& how = "--exit");
 constexpr DWORD CHILD_SUCCEEDED = 42;
+/// That other process.
+[[noreturn]] void playRole(const std::string& how, const std::string& role, const std::string& container);
 
 }  // namespace test

@@ -1,0 +1,149 @@
+// Everything that a host can do with both fronts, over and over, while the figures of the process have to stay flat.
+// ZENTOK_SOAK_ROUNDS and ZENTOK_SOAK_MINUTES say for how long; scripts/soak does.
+#include <cstdio>
+
+#include "tests/platform/authority.h"
+#include "tests/platform/figures.h"
+#include "tests/platform/ksp_test.h"
+
+namespace test {
+namespace {
+
+class SoakTest : public PlatformTest {
+protected:
+    void SetUp() override {
+        setLogLevel(2);
+        const KeyStorage storage;
+        certificate = authority.issue(spkiOf(token.publicKey(rsaKey)), true, [&](const Bytes& info) {
+            return storage.sign(storage.open(rsaKey), digestOf("SHA256", info), BCRYPT_PAD_PKCS1);
+        });
+    }
+    void useCryptoApi() const;
+    void useKeyStorage() const;
+    void useWhatTakesSeconds() const;
+
+    const Authority authority;
+    const Token token;
+    const std::string rsaKey = token.addKey(), ecKey = token.addKey(KEY_TYPE_EC_P256);
+    Bytes certificate;
+};
+
+void SoakTest::useCryptoApi() const {
+    const Context context = acquire(rsaKey, CRYPT_SILENT);
+    const Key key = userKey(context, AT_KEYEXCHANGE);
+    Key imported, aesKey, none;
+    Hash hmac, copy;
+    Bytes clear(48), signature, block(4096);
+    DWORD size = sizeOf(clear);
+    EXPECT_EQ(outcome(CryptGenRandom(context.get(), size, clear.data())), OK);
+    const Hash hash = hashOf(context, clear), other = hashOf(context, certificate);
+    const Bytes blob = answerOf(
+        [&](BYTE* data, DWORD* length) { return CryptExportKey(key.get(), 0, PUBLICKEYBLOB, 0, data, length); });
+    EXPECT_EQ(outcome(CryptImportKey(context.get(), blob.data(), sizeOf(blob), 0, 0, imported.out())), OK);
+    EXPECT_EQ(sign(hash, signature), OK);
+    EXPECT_EQ(verify(hash, signature, imported), OK);
+    EXPECT_EQ(verify(other, signature, key), code(NTE_BAD_SIGNATURE));
+    EXPECT_EQ(outcome(CryptDeriveKey(context.get(), CALG_AES_256, other.get(), 0, aesKey.out())), OK);
+    for (const auto& [used, flags] : {std::pair(key.get(), DWORD{CRYPT_OAEP}), std::pair(aesKey.get(), DWORD{0})}) {
+        std::copy(clear.begin(), clear.end(), block.begin());
+        size = sizeOf(clear);
+        EXPECT_EQ(outcome(CryptEncrypt(used, 0, TRUE, flags, block.data(), &size, sizeOf(block))), OK);
+        EXPECT_EQ(outcome(CryptDecrypt(used, 0, TRUE, flags, block.data(), &size)), OK);
+        EXPECT_TRUE(size == sizeOf(clear) && std::equal(clear.begin(), clear.end(), block.begin()));
+    }
+    EXPECT_EQ(outcome(CryptCreateHash(context.get(), CALG_HMAC, aesKey.get(), 0, hmac.out())), OK);
+    HMAC_INFO info = {CALG_SHA_256, nullptr, 0, nullptr, 0};
+    EXPECT_EQ(outcome(CryptSetHashParam(hmac.get(), HP_HMAC_INFO, reinterpret_cast<BYTE*>(&info), 0)), OK);
+    EXPECT_EQ(outcome(CryptDuplicateHash(hmac.get(), nullptr, 0, copy.out())), OK);
+    for (const DWORD parameter : {PP_NAME, PP_CONTAINER, PP_KEYSET_SEC_DESCR, PP_ENUMCONTAINERS, PP_ENUMALGS_EX}) {
+        size = sizeOf(block);
+        EXPECT_EQ(outcome(CryptGetProvParam(context.get(), parameter, block.data(), &size, CRYPT_FIRST)), OK);
+    }
+    size = sizeOf(block);
+    EXPECT_EQ(outcome(CryptGetKeyParam(key.get(), KP_CERTIFICATE, block.data(), &size, 0)), OK);
+    EXPECT_EQ(outcome(CryptGetKeyParam(key.get(), KP_SALT, block.data(), &size, 0)), code(NTE_BAD_TYPE));
+    EXPECT_EQ(outcome(CryptImportKey(context.get(), certificate.data(), sizeOf(certificate), 0, 0, none.out())),
+              code(NTE_BAD_TYPE));
+    size = 256;
+    EXPECT_EQ(outcome(CryptDecrypt(key.get(), 0, TRUE, CRYPT_OAEP, block.data(), &size)), code(NTE_PROVIDER_DLL_FAIL));
+}
+
+void SoakTest::useKeyStorage() const {
+    const KeyStorage storage(nullptr);
+    const Bytes digest(32, 0x5A);
+    const KspKey rsa = storage.open(rsaKey), ec = storage.open(ecKey);
+    const KspKey foreignRsa = storage.import(BCRYPT_RSAPUBLIC_BLOB, storage.exportPublic(rsa, BCRYPT_RSAPUBLIC_BLOB));
+    const KspKey foreignEc = storage.import(BCRYPT_ECCPUBLIC_BLOB, storage.exportPublic(ec, BCRYPT_ECCPUBLIC_BLOB));
+    for (const auto& [key, foreign, padding] :
+         {std::tuple(&rsa, &foreignRsa, BCRYPT_PAD_PKCS1), std::tuple(&rsa, &foreignRsa, BCRYPT_PAD_PSS),
+          std::tuple(&ec, &foreignEc, 0)}) {
+        Bytes signature = storage.sign(*key, digest, static_cast<DWORD>(padding));
+        EXPECT_EQ(storage.verify(*foreign, digest, signature, static_cast<DWORD>(padding)), OK);
+        signature.back() ^= 1;
+        EXPECT_EQ(storage.verify(*key, digest, signature, static_cast<DWORD>(padding)), code(NTE_BAD_SIGNATURE));
+    }
+    const Bytes sealed = storage.crypt(table().Encrypt, foreignRsa, digest, NCRYPT_PAD_OAEP_FLAG, "SHA1");
+    EXPECT_EQ(storage.crypt(table().Decrypt, rsa, sealed, NCRYPT_PAD_OAEP_FLAG, "SHA1"), digest);
+    const KspKey aes = storage.import(TEXT("OpaqueTransport"), sealed, rsa);
+    EXPECT_EQ(storage.setProperty(aes, TEXT("IV"), Bytes(16, 1)), OK);
+    EXPECT_EQ(storage.crypt(table().Decrypt, aes, storage.crypt(table().Encrypt, aes, digest)), digest);
+    const KspKey none = storage.import(TEXT("OpaqueTransport"), digest, rsa, code(NTE_BAD_DATA));
+    EXPECT_EQ(storage.property(rsa, NCRYPT_CERTIFICATE_PROPERTY), certificate);
+    KspSecret secret;
+    EXPECT_EQ(outcome(table().SecretAgreement(storage.get(), ec.get(), foreignEc.get(), secret.out(), 0)), OK);
+    EXPECT_EQ(answer(0, table().DeriveKey, 0, secret.get(), BCRYPT_KDF_HASH, nullptr).size(), 32U);
+    KspKey made = storage.create(ECDSA_P256), missing;
+    EXPECT_EQ(outcome(table().DeleteKey(storage.get(), std::exchange(*made.out(), 0), 0)), OK);
+    EXPECT_EQ(outcome(table().OpenKey(storage.get(), missing.out(), TEXT("none"), 0, 0)), code(NTE_NO_KEY));
+}
+
+/// A container that comes and goes, a certificate stored anew, and a token pulled out until its login is gone, which
+/// the user then types again.
+void SoakTest::useWhatTakesSeconds() const {
+    generateKey(acquire(container, CRYPT_NEWKEYSET | CRYPT_SILENT));
+    EXPECT_EQ(tryAcquire(container, CRYPT_DELETEKEYSET), OK);
+    const Context silent = acquire(rsaKey, CRYPT_SILENT);
+    EXPECT_EQ(outcome(CryptSetKeyParam(userKey(silent).get(), KP_CERTIFICATE, certificate.data(), 0)), OK);
+    const Hash hash = hashOf(silent, certificate);
+    Bytes signature;
+    EXPECT_EQ(sign(hash, signature), OK);
+    token.pullOut();
+    EXPECT_TRUE(comes([&] { return sign(hash, signature) == code(NTE_SILENT_CONTEXT); }));
+    EXPECT_EQ(tryAcquire(rsaKey), NO_TOKEN);
+    token.plugIn();
+    const PasswordUser user({test::logIn(PIN)});
+    EXPECT_EQ(sign(acquire(rsaKey)), OK);
+}
+
+TEST_F(SoakTest, FiguresStayFlat) {
+    // The software token keeps its last 16 lists, two of which change each time: that is over before the first tenth of
+    // a long run, and happens once in a short one.
+    constexpr std::uint64_t RARELY = 25;
+    const std::uint64_t rounds = setting("ZENTOK_SOAK_ROUNDS", 20);
+    const std::uint64_t milliseconds = setting("ZENTOK_SOAK_MINUTES", 0) * 60000;
+    const ULONGLONG start = GetTickCount64();
+    Reading warm = {}, now = {};
+    std::uint64_t tenths = 0;
+    for (std::uint64_t round = 0; tenths <= 10 && !HasFailure(); ++round) {
+        if (round % RARELY == 0) {
+            useWhatTakesSeconds();
+        }
+        useCryptoApi();
+        useKeyStorage();
+        const ULONGLONG elapsed = GetTickCount64() - start;
+        if (10 * round >= tenths * rounds && 10 * elapsed >= tenths * milliseconds) {
+            now = readFigures();
+            std::printf("%6llu s, round %llu:", elapsed / 1000, static_cast<unsigned long long>(round));
+            for (std::size_t i = 0; i < now.size(); ++i) {
+                std::printf("  %s %lld", FIGURES[i].name, static_cast<long long>(now.at(i)));
+            }
+            std::puts("");
+            std::fflush(stdout);
+            warm = tenths++ == 1 ? now : warm;
+        }
+    }
+    EXPECT_EQ(growth(warm, now), "");
+}
+
+}  // namespace
+}  // namespace test
