@@ -200,8 +200,7 @@ SECURITY_STATUS setChainingMode(const SetRequest& request) {
         return ERROR_SUCCESS;
     }
     // The text's length is where its terminator is, whatever the size says. One character more than a mode has tells.
-    const auto* text = reinterpret_cast<LPCWSTR>(request.input);
-    const WideView mode(text, boundedLength(text, CHAINING_MODE_CBC.size() + 1));
+    const WideText mode = textOf({request.input, (CHAINING_MODE_CBC.size() + 1) * sizeof(WCHAR)});
     if (mode == CHAINING_MODE_CBC) {
         request.key.chainingMode = 0;
         logInfo("KSP: Chaining mode set to CBC");

@@ -46,20 +46,6 @@ struct DerivationParameters {
     Bytes context;
 };
 
-/// Text up to its terminator, or to the end of its buffer: nothing is read behind either.
-WideText textOf(Bytes bytes) {
-    WideText text;
-    for (; bytes.size() >= sizeof(WCHAR); bytes = bytes.subspan(sizeof(WCHAR))) {
-        WCHAR character = 0;
-        std::memcpy(&character, bytes.data(), sizeof character);
-        if (character == 0) {
-            break;
-        }
-        text.push_back(character);
-    }
-    return text;
-}
-
 /// Of two parameters of one type the later counts; types that mean nothing here are passed over.
 DerivationParameters readParameters(const NCryptBufferDesc* list) {
     DerivationParameters parameters;

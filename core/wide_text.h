@@ -2,6 +2,8 @@
 #pragma once
 
 #include <algorithm>
+#include <cstring>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -17,6 +19,21 @@ inline std::size_t boundedLength(const WCHAR* text, std::size_t limit) {
         ++length;
     }
     return length;
+}
+
+/// Text up to its terminator, or to the end of its bytes: nothing is read behind either, and the bytes may start at any
+/// address.
+inline WideText textOf(std::span<const unsigned char> bytes) {
+    WideText text;
+    for (; bytes.size() >= sizeof(WCHAR); bytes = bytes.subspan(sizeof(WCHAR))) {
+        WCHAR character = 0;
+        std::memcpy(&character, bytes.data(), sizeof character);
+        if (character == 0) {
+            break;
+        }
+        text.push_back(character);
+    }
+    return text;
 }
 
 /// Only the low byte of each character counts.

@@ -106,6 +106,11 @@ void fill(const Answer& answer, const UntoldRoom& room) {
     *room.length = answer.length.value_or(static_cast<int>(answer.output.size()));
 }
 void fill(const Answer& answer, const Block& block) {
+    if (answer.noBlock) {
+        *block.result = nullptr;
+        *block.length = answer.length.value_or(0);
+        return;
+    }
     *block.result = static_cast<unsigned char*>(std::malloc(std::max<std::size_t>(answer.output.size(), 1)));
     replaceBlock(nullptr, *block.result);
     int room = static_cast<int>(answer.output.size());

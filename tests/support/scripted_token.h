@@ -26,6 +26,7 @@ struct Answer {
     int result = 0;
     Bytes output = {};                  ///< goes into the caller's buffer, up to its room, or into a malloc block
     std::optional<int> length = {};     ///< reported instead of the size of `output`: the library may lie
+    bool noBlock = false;               ///< a null pointer in place of the malloc block
     int retries = 0;                    ///< validatePassword: attempts left
     std::function<void()> during = {};  ///< runs inside the call: a delay, a token that is pulled out
 };

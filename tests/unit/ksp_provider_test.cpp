@@ -95,6 +95,9 @@ TEST_F(KspPropertiesTest, Write) {
     }
     EXPECT_EQ(set(TEXT("ChainingMode"), TEXT("ChainingModeECB"), 1), 0) << "its size plays no part";
     EXPECT_EQ(set(TEXT("ChainingMode"), TEXT("ChainingModeGCM"), 32), NTE_NOT_SUPPORTED);
+    Bytes unaligned(1 + sizeof TEXT("ChainingModeCBC"));
+    std::memcpy(unaligned.data() + 1, TEXT("ChainingModeCBC"), sizeof TEXT("ChainingModeCBC"));
+    EXPECT_EQ(set(TEXT("ChainingMode"), unaligned.data() + 1, 32) | key.chainingMode, 0);
     const Bytes iv = filled(33, 1);
     for (const auto& [keyLength, size, fits] :
          {std::tuple{16, 16U, true}, {32, 16U, true}, {24, 8U, true}, {24, 16U, false}, {0, 33U, true}}) {
