@@ -107,9 +107,13 @@ private:
 };
 
 /// True for a success of the CryptoAPI front; a failure has a code.
-#define CAPI(call) held((SetLastError(0xDEADBEEF), (call) != FALSE), GetLastError())
-inline bool held(bool succeeded, DWORD lastError) {
-    require(succeeded || (lastError != 0xDEADBEEF && lastError != 0), "a failure without a code");
+#define CAPI(call) held([&] { return (call) != FALSE; })
+template <typename Call>
+bool held(Call call) {
+    constexpr DWORD UNTOUCHED_CODE = 0xDEADBEEF;
+    SetLastError(UNTOUCHED_CODE);
+    const bool succeeded = call();
+    require(succeeded || (GetLastError() != UNTOUCHED_CODE && GetLastError() != 0), "a failure without a code");
     return succeeded;
 }
 /// True for a success of the CNG front; any status but 0 is a failure's code.
