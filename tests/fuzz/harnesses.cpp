@@ -198,9 +198,10 @@ void container(World& world, Input& in) {
     constexpr DWORD FLAGS[] = {0, CRYPT_NEWKEYSET, CRYPT_DELETEKEYSET};
     const DWORD type = in.one(TYPES);
     const std::string name = in.text();
-    const Bytes value = in.bytes(3000);
+    Bytes value = in.bytes(3000);
+    value.push_back(0xFF);  // the platform looks for a terminator behind text without one
     RegSetKeyValueA(HKEY_CURRENT_USER, "SOFTWARE\\Zentok\\CSP\\Containers", name.c_str(), type, value.data(),
-                    static_cast<DWORD>(value.size()));
+                    static_cast<DWORD>(value.size() - 1));
     const DWORD flags = in.one(FLAGS) | CRYPT_SILENT;
     VTableProvStruc table = {};
     HCRYPTPROV context = 0;
