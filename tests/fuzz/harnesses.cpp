@@ -93,22 +93,35 @@ void useKspKey(World& world, NCRYPT_KEY_HANDLE key, Input& in) {
 
 // --- Blobs ---
 
+/// Whole, and without its last byte: what a reader that goes one byte too far needs.
+std::vector<Bytes> blobs(Input& in) {
+    const Bytes whole = in.bytes();
+    return {whole, {whole.begin(), whole.end() - (whole.empty() ? 0 : 1)}};
+}
+
 void importCapi(World& world, Input& in) {
-    Guarded data(in.bytes());
+    const std::vector<Bytes> given = blobs(in);
     const HCRYPTKEY with = in.flag() ? in.one(world.keys) : 0;
-    useKey(world,
-           made([&](HCRYPTKEY* key) { return CAPI(CPImportKey(world.capi, data.data(), data.size(), with, 0, key)); }),
-           in);
+    for (const Bytes& blob : given) {
+        Guarded data(blob);
+        const auto import = [&](HCRYPTKEY* key) {
+            return CAPI(CPImportKey(world.capi, data.data(), data.size(), with, 0, key));
+        };
+        useKey(world, made(import), in);
+    }
 }
 
 void importCng(World& world, Input& in) {
     Guarded type(WideText(in.one(BLOB_TYPES)));
-    Guarded data(in.bytes());
+    const std::vector<Bytes> given = blobs(in);
     const NCRYPT_KEY_HANDLE with = in.flag() ? in.one(world.kspKeys) : 0;
-    useKspKey(world, made([&](NCRYPT_KEY_HANDLE* key) {
-                  return ksp(KSPImportKey(world.cng, with, type.text(), nullptr, key, data.data(), data.size(), 0));
-              }),
-              in);
+    for (const Bytes& blob : given) {
+        Guarded data(blob);
+        const auto import = [&](NCRYPT_KEY_HANDLE* key) {
+            return ksp(KSPImportKey(world.cng, with, type.text(), nullptr, key, data.data(), data.size(), 0));
+        };
+        useKspKey(world, made(import), in);
+    }
 }
 
 // --- Parameters and properties ---
