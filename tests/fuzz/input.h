@@ -37,7 +37,7 @@ public:
     Number number() {
         Number value = 0;
         const std::span<const unsigned char> taken = take(sizeof value);
-        std::memcpy(&value, taken.data(), taken.size());
+        std::copy(taken.begin(), taken.end(), reinterpret_cast<unsigned char*>(&value));
         return value;
     }
     bool flag() { return (number() & 1) != 0; }

@@ -124,12 +124,14 @@ bool play(const std::string& role, const std::string& container) {
 
 }  // namespace
 
-void playRole(const std::string& how, const std::string& role, const std::string& container) {
+void playRole([[maybe_unused]] const std::string& how, const std::string& role, const std::string& container) {
     const UINT code = play(role, container) ? CHILD_SUCCEEDED : 1;
-    if (how == "--ExitProcess") {
-        ExitProcess(code);
+#ifndef __WINE__  // there a native exit destroys what running threads use, before the platform has stopped them
+    if (how == "--exit") {
+        std::exit(static_cast<int>(code));  // as the end of main does
     }
-    std::exit(static_cast<int>(code));  // as the end of main does
+#endif
+    ExitProcess(code);
 }
 
 DWORD runChild(const std::string& role, const std::string& container, const std::string& how) {

@@ -36,20 +36,20 @@ void expectNothingLost(const std::vector<Pair>& pairs) {
 }
 
 /// Opens a provider and, unless there is no name, a key by it.
-Code openAndFree(const std::wstring& keyName) {
+Code openAndFree(const std::basic_string<WCHAR>& keyName) {
     Owned<freeProvider> provider;
     KspKey key;
-    const Code opened = outcome(table().OpenProvider(provider.out(), TEXT(""), 0));
+    const Code opened = code(table().OpenProvider(provider.out(), TEXT(""), 0));
     return opened != OK || keyName.empty()
                ? opened
-               : outcome(table().OpenKey(provider.get(), key.out(), keyName.c_str(), AT_SIGNATURE, 0));
+               : code(table().OpenKey(provider.get(), key.out(), keyName.c_str(), AT_SIGNATURE, 0));
 }
 
 TEST_F(EnduranceTest, ThousandsOfPairsLoseNothing) {
     setLogLevel(2);
     expectNothingLost({{"no token", NO_TOKEN, [] { return tryAcquire(""); }},
                        {"verification", OK, [] { return tryAcquire("", CRYPT_VERIFYCONTEXT); }},
-                       {"CNG, no token", OK, [] { return openAndFree(L""); }}});
+                       {"CNG, no token", OK, [] { return openAndFree({}); }}});
     const Token token;
     const std::string keyText = token.addKey();
     // A name for a key that is not there: the whole road of a deletion, whose end forgets the name.
@@ -104,7 +104,7 @@ struct CapiSigner {
 };
 struct CngSigner {
     explicit CngSigner(const std::string& keyText)
-        : opened(outcome(table().OpenKey(storage.get(), key.out(), wide(keyText).c_str(), 0, 0))) {}
+        : opened(code(table().OpenKey(storage.get(), key.out(), wide(keyText).c_str(), 0, 0))) {}
     [[nodiscard]] Code logIn() const { return storage.logIn(PIN); }
     [[nodiscard]] Code sign(Bytes& signature) const {
         static Bytes digest = digestOf("SHA256", document());
@@ -112,8 +112,8 @@ struct CngSigner {
         signature.resize(size);
         return opened != OK
                    ? opened
-                   : outcome(table().SignHash(storage.get(), key.get(), nullptr, digest.data(), sizeOf(digest),
-                                              signature.data(), size, &size, BCRYPT_PAD_PKCS1 | NCRYPT_SILENT_FLAG));
+                   : code(table().SignHash(storage.get(), key.get(), nullptr, digest.data(), sizeOf(digest),
+                                           signature.data(), size, &size, BCRYPT_PAD_PKCS1 | NCRYPT_SILENT_FLAG));
     }
     static constexpr std::array WHILE_OUT = {NTE_NO_KEY, NTE_VALIDATION_FAILED, NTE_INTERNAL_ERROR};
 

@@ -90,11 +90,11 @@ void SoakTest::useKeyStorage() const {
     const KspKey none = storage.import(TEXT("OpaqueTransport"), digest, rsa, code(NTE_BAD_DATA));
     EXPECT_EQ(storage.property(rsa, NCRYPT_CERTIFICATE_PROPERTY), certificate);
     KspSecret secret;
-    EXPECT_EQ(outcome(table().SecretAgreement(storage.get(), ec.get(), foreignEc.get(), secret.out(), 0)), OK);
+    EXPECT_EQ(code(table().SecretAgreement(storage.get(), ec.get(), foreignEc.get(), secret.out(), 0)), OK);
     EXPECT_EQ(answer(0, table().DeriveKey, 0, secret.get(), BCRYPT_KDF_HASH, nullptr).size(), 32U);
     KspKey made = storage.create(ECDSA_P256), missing;
-    EXPECT_EQ(outcome(table().DeleteKey(storage.get(), std::exchange(*made.out(), 0), 0)), OK);
-    EXPECT_EQ(outcome(table().OpenKey(storage.get(), missing.out(), TEXT("none"), 0, 0)), code(NTE_NO_KEY));
+    EXPECT_EQ(code(table().DeleteKey(storage.get(), std::exchange(*made.out(), 0), 0)), OK);
+    EXPECT_EQ(code(table().OpenKey(storage.get(), missing.out(), TEXT("none"), 0, 0)), code(NTE_NO_KEY));
 }
 
 /// A container that comes and goes, a certificate stored anew, and a token pulled out until its login is gone, which

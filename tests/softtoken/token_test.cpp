@@ -104,6 +104,9 @@ TEST_F(SoftTokenTest, AFileIsReplacedWholeOrNotAtAll) {
 
 // Hosts load and free a provider for each use. Unloaded for good each time, its runtime runs out of thread-local slots.
 TEST(ModuleTest, ManyRoundsOfLoadingAndFreeing) {
+#ifdef __WINE__
+    GTEST_SKIP() << "Wine finds no native module by an address in it, so that none can pin itself";
+#endif
     for (int round = 0; round < 1600; ++round) {
         const HMODULE library = LoadLibraryA("ZentokDSCLibrary.dll");
         ASSERT_NE(library, nullptr) << "round " << round;

@@ -18,6 +18,7 @@ namespace {
 std::atomic<long> g_liveBlocks = 0;  // allocated in this program and not yet deleted
 }
 
+#ifndef __WINE__  // where the sanitizer's own are in the way
 // Not inline, or the compiler takes the two for a mismatch.
 [[gnu::noinline]] void* operator new(std::size_t size) {
     void* const block = std::malloc(size);
@@ -31,6 +32,7 @@ std::atomic<long> g_liveBlocks = 0;  // allocated in this program and not yet de
 void operator delete(void* block, std::size_t /*size*/) noexcept {
     operator delete(block);
 }
+#endif
 
 namespace test {
 namespace {
