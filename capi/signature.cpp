@@ -27,7 +27,7 @@ bool isRsaKeyType(std::int32_t keyType) {
 }
 
 bool isKeyOfContainer(const ZentokKeyPair& key, const std::string& containerName) {
-    return containerName.empty() || keyText(key.credentialId) == containerName;
+    return containerName.empty() || isKeyText(containerName, key.credentialId);
 }
 
 bool isForSigning(std::int32_t keyUsage) {
@@ -56,7 +56,7 @@ void bindRememberedKey(const CSP_CONTEXT& context, HASH_CONTEXT& hash, DWORD key
         return;
     }
     bind(hash, remembered);
-    logInfo("CPSignHash: using stored credentialId=" + keyText(hash.credentialId));
+    logInfoBytes("CPSignHash: using stored credentialId=", hash.credentialId);
     const std::vector<ZentokKeyPair> keys = zentok_getKeyPairList(context.serial.c_str(), context.tokenContext);
     const auto key = std::find_if(keys.begin(), keys.end(), [&](const ZentokKeyPair& candidate) {
         return std::memcmp(candidate.credentialId, hash.credentialId, sizeof hash.credentialId) == 0;

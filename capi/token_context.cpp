@@ -19,9 +19,10 @@ void listKeyNames(CSP_CONTEXT& context) {
     if (keys.empty()) {
         logInfo("Acquire Context :: Key List is empty");
     }
+    context.keyNames.reserve(keys.size());
     for (const ZentokKeyPair& key : keys) {
         context.keyNames.push_back(keyText(key.credentialId));
-        logInfo(context.keyNames.back());
+        logInfoBytes("", key.credentialId);
     }
 }
 
@@ -80,7 +81,7 @@ void deleteKeys(const std::string& serial, const std::vector<std::string>& keyTe
     const std::string password = pinStateGetPassword(serial);
     for (const std::string& text : keyTexts) {
         const auto key = std::find_if(keys.begin(), keys.end(), [&](const ZentokKeyPair& candidate) {
-            return keyText(candidate.credentialId) == text;
+            return isKeyText(text, candidate.credentialId);
         });
         if (key == keys.end()) {
             logInfo("CPAcquireContext: CRYPT_DELETEKEYSET key " + text + " not found on token, skip");

@@ -70,7 +70,7 @@ const ZentokKeyPair* selectKey(const CSP_CONTEXT& context, const std::vector<Zen
                                ALG_ID& algId) {
     const bool named = !context.containerName.empty();
     for (const ZentokKeyPair& key : keys) {
-        if (named && keyText(key.credentialId) != context.containerName) {
+        if (named && !isKeyText(context.containerName, key.credentialId)) {
             continue;
         }
         if (named || context.containerQueried) {

@@ -76,9 +76,8 @@ void copyIdentity(KSP_KEY& key, const ZentokKeyPair& record) {
 /// A key is opened by its id alone; every id met on the way is logged.
 bool isKeyOnToken(const std::vector<ZentokKeyPair>& keys, const std::string& name) {
     return std::any_of(keys.begin(), keys.end(), [&](const ZentokKeyPair& key) {
-        const std::string id = keyText(key.credentialId);
-        logInfo("KSP: Available key: " + id);
-        return id == name;
+        logInfoBytes("KSP: Available key: ", key.credentialId);
+        return isKeyText(name, key.credentialId);
     });
 }
 
@@ -101,7 +100,7 @@ const ZentokKeyPair* selectByKeySpec(const std::vector<ZentokKeyPair>& keys, DWO
 /// An alias counts as well as an id: an earlier key whose alias spells another key's id wins over that key.
 const ZentokKeyPair* selectKey(const std::vector<ZentokKeyPair>& keys, const std::string& name, DWORD keySpec) {
     const auto key = std::find_if(keys.begin(), keys.end(), [&](const ZentokKeyPair& candidate) {
-        return keyText(candidate.credentialId) == name || aliasText(candidate) == name;
+        return isKeyText(name, candidate.credentialId) || aliasText(candidate) == name;
     });
     return key != keys.end() ? &*key : selectByKeySpec(keys, keySpec);
 }

@@ -1,8 +1,8 @@
 #include "core/container_map.h"
 
 #include <algorithm>
+#include <array>
 
-#include "cert/key_encoding.h"
 #include "core/key_record.h"
 #include "core/wide_text.h"
 
@@ -52,6 +52,24 @@ char lowerAscii(char character) {
     return character >= 'A' && character <= 'Z' ? static_cast<char>(character - 'A' + 'a') : character;
 }
 
+using KeyDigits = std::array<char, 2 * std::size_t{CREDENTIAL_ID_SIZE}>;
+
+/// Key text in place.
+KeyDigits keyDigits(const unsigned char* credentialId) {
+    constexpr char DIGITS[] = "0123456789ABCDEF";
+    KeyDigits digits = {};
+    for (std::size_t i = 0; i < digits.size(); i += 2) {
+        const unsigned char byte = credentialId[i / 2];
+        digits[i] = DIGITS[byte >> 4];
+        digits[i + 1] = DIGITS[byte & 0x0F];
+    }
+    return digits;
+}
+
+std::string_view viewOf(const KeyDigits& digits) {
+    return {digits.data(), digits.size()};
+}
+
 bool equalIgnoringCase(std::string_view left, std::string_view right) {
     return std::equal(left.begin(), left.end(), right.begin(), right.end(),
                       [](char a, char b) { return lowerAscii(a) == lowerAscii(b); });
@@ -79,7 +97,11 @@ std::string findDevice(bool anyKey, Match matches) {
 }  // namespace
 
 std::string keyText(const unsigned char* credentialId) {
-    return bytesToHex(credentialId, CREDENTIAL_ID_SIZE);
+    return std::string(viewOf(keyDigits(credentialId)));
+}
+
+bool isKeyText(std::string_view text, const unsigned char* credentialId) {
+    return text == viewOf(keyDigits(credentialId));
 }
 
 std::vector<std::string> readContainerKeys(const std::string& name) {
@@ -121,13 +143,15 @@ void deleteContainerKeys(const std::string& name) {
 }
 
 std::string resolveContainerDevice(const std::string& name) {
-    return findDevice(name.empty(),
-                      [&](const ZentokKeyPair& key) { return equalIgnoringCase(keyText(key.credentialId), name); });
+    return findDevice(name.empty(), [&](const ZentokKeyPair& key) {
+        return equalIgnoringCase(viewOf(keyDigits(key.credentialId)), name);
+    });
 }
 
 std::string resolveKeyDevice(std::basic_string_view<WCHAR> name) {
     const std::string narrow = narrowed(name);
     return findDevice(narrow.empty(), [&](const ZentokKeyPair& key) {
-        return equalIgnoringCase(narrow, keyText(key.credentialId)) || equalIgnoringCase(narrow, aliasText(key));
+        return equalIgnoringCase(narrow, viewOf(keyDigits(key.credentialId))) ||
+               equalIgnoringCase(narrow, aliasText(key));
     });
 }

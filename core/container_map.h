@@ -20,6 +20,9 @@ inline std::map<std::string, std::vector<std::string>> g_containerMap;
 /// A credential id of 16 bytes as key text.
 std::string keyText(const unsigned char* credentialId);
 
+/// Whether `text` is that key text, to the letter; without making one, for searches through long lists.
+bool isKeyText(std::string_view text, const unsigned char* credentialId);
+
 /// The key texts filed under `name` in the registry; empty on any failure. A value of more than 1024 bytes reads as
 /// no value.
 std::vector<std::string> readContainerKeys(const std::string& name);
