@@ -44,13 +44,46 @@ void append(Bytes& target, std::span<const unsigned char> bytes) {
     target.insert(target.end(), bytes.begin(), bytes.end());
 }
 
-Bytes derEncodeInteger(std::span<const unsigned char> value) {
-    Bytes content;
-    if (!value.empty() && (value.front() & 0x80) != 0) {
-        content.push_back(0);  // keeps the value positive
+std::size_t lengthSize(std::size_t length) {
+    std::size_t octets = 1;
+    for (std::size_t rest = length < 0x80 ? 0 : length; rest > 0; rest >>= 8) {
+        ++octets;
     }
-    append(content, value);
-    return derEncodeTlv(TAG_INTEGER, content);
+    return octets;
+}
+
+std::size_t tlvSize(std::size_t contentSize) {
+    return 1 + lengthSize(contentSize) + contentSize;
+}
+
+void appendLength(Bytes& target, std::size_t length) {
+    std::size_t following = lengthSize(length) - 1;
+    target.push_back(static_cast<unsigned char>(following == 0 ? length : 0x80 + following));
+    while (following > 0) {
+        target.push_back(static_cast<unsigned char>(length >> 8 * --following));
+    }
+}
+
+void appendHeader(Bytes& target, unsigned char tag, std::size_t contentSize) {
+    target.push_back(tag);
+    appendLength(target, contentSize);
+}
+
+/// A zero byte in front keeps a value positive whose first bit is set.
+bool needsSignByte(std::span<const unsigned char> value) {
+    return !value.empty() && (value.front() & 0x80) != 0;
+}
+
+std::size_t integerSize(std::span<const unsigned char> value) {
+    return value.size() + (needsSignByte(value) ? 1 : 0);
+}
+
+void appendInteger(Bytes& target, std::span<const unsigned char> value) {
+    appendHeader(target, TAG_INTEGER, integerSize(value));
+    if (needsSignByte(value)) {
+        target.push_back(0);
+    }
+    append(target, value);
 }
 
 }  // namespace
@@ -86,20 +119,15 @@ std::string bytesToHex(const unsigned char* bytes, std::int32_t count) {
 }
 
 std::vector<unsigned char> derEncodeLength(std::size_t length) {
-    if (length < 0x80) {
-        return {static_cast<unsigned char>(length)};
-    }
     Bytes octets;
-    for (; length > 0; length >>= 8) {
-        octets.insert(octets.begin(), static_cast<unsigned char>(length));
-    }
-    octets.insert(octets.begin(), static_cast<unsigned char>(0x80 + octets.size()));
+    appendLength(octets, length);
     return octets;
 }
 
 std::vector<unsigned char> derEncodeTlv(unsigned char tag, std::span<const unsigned char> content) {
-    Bytes encoding = {tag};
-    append(encoding, derEncodeLength(content.size()));
+    Bytes encoding;
+    encoding.reserve(tlvSize(content.size()));
+    appendHeader(encoding, tag, content.size());
     append(encoding, content);
     return encoding;
 }
@@ -110,15 +138,20 @@ std::vector<unsigned char> rsaPublicKeyHexToSpki(std::string_view modulus, std::
 
 std::vector<unsigned char> rsaPublicKeyBytesToSpki(std::span<const unsigned char> modulus,
                                                    std::span<const unsigned char> exponent) {
-    Bytes rsaPublicKey = derEncodeInteger(modulus);
-    append(rsaPublicKey, derEncodeInteger(exponent));
-
-    Bytes bitString = {0};  // no unused bits
-    append(bitString, derEncodeTlv(TAG_SEQUENCE, rsaPublicKey));
-
-    Bytes content(std::begin(RSA_ALGORITHM_IDENTIFIER), std::end(RSA_ALGORITHM_IDENTIFIER));
-    append(content, derEncodeTlv(TAG_BIT_STRING, bitString));
-    return derEncodeTlv(TAG_SEQUENCE, content);
+    // From the inside out, so that all of it goes into one block.
+    const std::size_t keySize = tlvSize(integerSize(modulus)) + tlvSize(integerSize(exponent));
+    const std::size_t bitStringSize = 1 + tlvSize(keySize);
+    const std::size_t contentSize = sizeof RSA_ALGORITHM_IDENTIFIER + tlvSize(bitStringSize);
+    Bytes spki;
+    spki.reserve(tlvSize(contentSize));
+    appendHeader(spki, TAG_SEQUENCE, contentSize);
+    append(spki, RSA_ALGORITHM_IDENTIFIER);
+    appendHeader(spki, TAG_BIT_STRING, bitStringSize);
+    spki.push_back(0);  // no unused bits
+    appendHeader(spki, TAG_SEQUENCE, keySize);
+    appendInteger(spki, modulus);
+    appendInteger(spki, exponent);
+    return spki;
 }
 
 std::vector<unsigned char> intToBigEndianBytes(std::int32_t value, std::size_t width) {
