@@ -250,7 +250,7 @@ SECURITY_STATUS decryptSymmetric(const KSP_PROVIDER& provider, const KSP_KEY& ke
     if (input.size() > INT_MAX) {
         return failInputSize("KSPDecrypt", input.size());
     }
-    const std::unique_ptr<unsigned char[]> scratch(new (std::nothrow) unsigned char[input.size()]());
+    const std::unique_ptr<unsigned char[]> scratch(new (std::nothrow) unsigned char[input.size()]);
     if (scratch == nullptr) {
         return failStatus(NTE_NO_MEMORY, "KSPDecrypt: failed to allocate output buffer");
     }

@@ -46,7 +46,7 @@ DWORD keyUsageFlags(std::uint32_t keyUsage) {
 
 /// The key's text, never the name that its creation was given.
 SECURITY_STATUS getName(const GetRequest& request) {
-    return answerText(request.output, widened(keyText(request.key.credentialId)));
+    return answerText(request.output, widened(keyText(request.key.credentialId)).c_str());
 }
 
 SECURITY_STATUS getAlgorithm(const GetRequest& request) {
@@ -113,7 +113,7 @@ constexpr ReadableProperty READABLE_PROPERTIES[] = {
     {TEXT("ChainingMode"),
      [](const GetRequest& request) {
          return answerText(request.output,
-                           WideText(request.key.chainingMode == 0 ? CHAINING_MODE_CBC : CHAINING_MODE_ECB));
+                           (request.key.chainingMode == 0 ? CHAINING_MODE_CBC : CHAINING_MODE_ECB).data());
      }},
     {TEXT("Security Descr"),
      [](const GetRequest& /*request*/) {

@@ -29,8 +29,8 @@ inline SECURITY_STATUS answerDword(const Output& output, DWORD value) {
     return answerValue(output, value);
 }
 
-/// 16-bit text with its terminator.
-inline SECURITY_STATUS answerText(const Output& output, const WideText& text) {
-    return answerBytes(output,
-                       {reinterpret_cast<const unsigned char*>(text.c_str()), (text.size() + 1) * sizeof(WCHAR)});
+/// 16-bit text with its terminator, which has to stand behind it.
+inline SECURITY_STATUS answerText(const Output& output, const WCHAR* text) {
+    const std::size_t length = WideView(text).size() + 1;
+    return answerBytes(output, {reinterpret_cast<const unsigned char*>(text), length * sizeof(WCHAR)});
 }

@@ -12,7 +12,6 @@
 
 #include "cert/public_key.h"
 #include "cng/entry.h"
-#include "core/container_map.h"
 #include "core/firmware_policy.h"
 #include "core/login.h"
 #include "core/pin_cache.h"
@@ -27,10 +26,6 @@ bool isEcKeyType(std::uint32_t keyType) {
 DWORD signatureSize(const KSP_KEY& key) {
     const std::uint64_t bits = key.bitSize;
     return static_cast<DWORD>(isEcKeyType(key.keyType) ? ((bits + 7) >> 2) & ~std::uint64_t{1} : bits >> 3);
-}
-
-const char* paddingText(bool isPss) {
-    return isPss ? "PSS" : "PKCS1";
 }
 
 /// One signing on the token, into the caller's buffer of `room` bytes. `length` returns the signature's size.
@@ -83,11 +78,11 @@ SECURITY_STATUS WINAPI KSPSignHash(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HAND
     }
     // With both flags set this is PKCS#1 v1.5 here and PSS in KSPVerifySignature.
     const bool isPss = (dwFlags & (BCRYPT_PAD_PKCS1 | BCRYPT_PAD_PSS)) == BCRYPT_PAD_PSS;
-    logInfo(std::string("KSP: SignHash - padding=") + paddingText(isPss));
+    logInfo(isPss ? "KSP: SignHash - padding=PSS" : "KSP: SignHash - padding=PKCS1");
     if (isPss && !rulePssFirmware("KSPSignHash", provider->firmwareVersion)) {
         return NTE_NOT_SUPPORTED;
     }
-    logInfo("KSP: SignHash - credential: " + keyText(key->credentialId));
+    logInfoBytes("KSP: SignHash - credential: ", key->credentialId);
     logInfo("KSP: SignHash - hash length: " + std::to_string(cbHashValue));
     if (!ruleRsa1024Sign("KSPSignHash", static_cast<std::int32_t>(key->keyType), provider->deviceName,
                          provider->tokenContext)) {
@@ -153,7 +148,7 @@ SECURITY_STATUS WINAPI KSPVerifySignature(NCRYPT_PROV_HANDLE hProvider, NCRYPT_K
     logInfo("KSP: VerifySignature - public key DER length: " + std::to_string(publicKey.size()));
     logInfo("KSP: VerifySignature - signature length: " + std::to_string(cbSignature));
     const bool isPss = (dwFlags & BCRYPT_PAD_PSS) != 0;
-    logInfo(std::string("KSP: VerifySignature - padding=") + paddingText(isPss));
+    logInfo(isPss ? "KSP: VerifySignature - padding=PSS" : "KSP: VerifySignature - padding=PKCS1");
     if (isPss && !rulePssFirmware("KSPVerifySignature", provider->firmwareVersion)) {
         return NTE_NOT_SUPPORTED;
     }
