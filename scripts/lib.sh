@@ -39,7 +39,7 @@ source_files() {
     for pattern; do
         find+=(-o -name "$pattern")
     done
-    (cd "$root" && find core capi cng cert registration softtoken tools tests -type f \( "${find[@]:1}" \) | sort)
+    (cd "$root" && find core capi cng cert registration softtoken tools tests bench -type f \( "${find[@]:1}" \) | sort)
 }
 
 # The names that the provider exports, one a line.
@@ -98,14 +98,19 @@ build_project() {
 
 project_version() { sed -n 's/^project(.* VERSION \([0-9.]*\) .*/\1/p' "$root/CMakeLists.txt"; }
 
-# make_setup FILE VERSION: the setup program for the binaries in build/bin, which go into it without debug information.
-make_setup() {
+# Copies of the binaries without debug information, in build/stripped.
+strip_binaries() {
     local file
-    need_packages "${package_packages[@]}"
     mkdir -p "$stripped"
     for file in ZentokCSP.dll ZentokDSCLibrary.dll zentok.exe; do
         [ "$stripped/$file" -nt "$bin/$file" ] || x86_64-w64-mingw32-strip -o "$stripped/$file" "$bin/$file"
     done
+}
+
+# make_setup FILE VERSION: the setup program for the binaries in build/bin, which go into it without debug information.
+make_setup() {
+    need_packages "${package_packages[@]}"
+    strip_binaries
     makensis -V2 -WX "-DVERSION=$2" "-DBIN=$stripped" "-DOUTPUT=$1" "$root/packaging/zentok.nsi" >"$1.log" 2>&1 ||
         die "makensis made no setup program: $(cat "$1.log")"
     rm "$1.log"
