@@ -1,4 +1,5 @@
 // What a native program of the C++ library needs to run under Wine and the sanitizers; linked into every binary.
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -6,6 +7,7 @@
 #include <thread>
 
 #include <sanitizer/asan_interface.h>
+#include <unistd.h>
 #include <windows.h>
 
 // The runtime is preloaded into this process. A child must start without: the shadow memory covers the addresses at
@@ -30,6 +32,15 @@ void std::thread::_M_start_thread(_State_ptr state, void (*)()) {
         }
     };
     const HANDLE handle = CreateThread(nullptr, 0, Start::run, state.get(), 0, nullptr);
+    // The native exit destroys what is static, and joins a thread there, when Wine has already ended all threads and no
+    // call of the platform works any more. What is registered last comes first.
+    static const int exitAtOnce = on_exit(
+        [](int status, void*) {
+            std::fflush(nullptr);
+            _exit(status);
+        },
+        nullptr);
+    static_cast<void>(exitAtOnce);
     if (handle == nullptr) {
         throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
     }
@@ -51,6 +62,8 @@ void std::thread::detach() {
 // on stacks of its own: the frames that a throw ends must not stay marked.
 extern "C" void __asan_handle_no_return() {
     char here = 0;
-    const auto* const top = static_cast<const char*>(reinterpret_cast<const NT_TIB*>(NtCurrentTeb())->StackBase);
-    __asan_unpoison_memory_region(&here, static_cast<std::size_t>(top - &here));
+    const auto* const stack = reinterpret_cast<const NT_TIB*>(NtCurrentTeb());
+    if (&here >= stack->StackLimit && &here < stack->StackBase) {
+        __asan_unpoison_memory_region(&here, static_cast<std::size_t>(static_cast<char*>(stack->StackBase) - &here));
+    }
 }
