@@ -104,17 +104,18 @@ std::vector<unsigned char> hexToBytes(std::string_view text) {
     return bytes;
 }
 
-std::string bytesToHex(const unsigned char* bytes, std::int32_t count) {
+void writeHex(std::span<const unsigned char> bytes, char* digits) {
     constexpr char DIGITS[] = "0123456789ABCDEF";
-    std::string text;
-    if (count < 1) {
-        return text;
+    for (const unsigned char byte : bytes) {
+        *digits++ = DIGITS[byte >> 4];
+        *digits++ = DIGITS[byte & 0x0F];
     }
-    text.reserve(static_cast<std::size_t>(count) * 2);
-    for (std::int32_t i = 0; i < count; ++i) {
-        text.push_back(DIGITS[bytes[i] >> 4]);
-        text.push_back(DIGITS[bytes[i] & 0x0F]);
-    }
+}
+
+std::string bytesToHex(const unsigned char* bytes, std::int32_t count) {
+    const std::span<const unsigned char> all(bytes, static_cast<std::size_t>(count < 1 ? 0 : count));
+    std::string text(2 * all.size(), '\0');
+    writeHex(all, text.data());
     return text;
 }
 

@@ -16,6 +16,9 @@
 /// that is no digit counts as 0.
 std::vector<unsigned char> hexToBytes(std::string_view text);
 
+/// Writes two upper-case hexadecimal digits a byte, and no terminator, to `digits`, which has the room.
+void writeHex(std::span<const unsigned char> bytes, char* digits);
+
 /// Upper-case hexadecimal text of `count` bytes; empty for a count below 1.
 std::string bytesToHex(const unsigned char* bytes, std::int32_t count);
 

@@ -5,8 +5,8 @@
 // CBC takes the IV of the process (core/process_iv.h), which no operation advances, and its ECB none.
 #include <algorithm>
 #include <climits>
+#include <cstdlib>
 #include <memory>
-#include <new>
 #include <span>
 #include <string>
 #include <vector>
@@ -250,7 +250,9 @@ SECURITY_STATUS decryptSymmetric(const KSP_PROVIDER& provider, const KSP_KEY& ke
     if (input.size() > INT_MAX) {
         return failInputSize("KSPDecrypt", input.size());
     }
-    const std::unique_ptr<unsigned char[]> scratch(new (std::nothrow) unsigned char[input.size()]);
+    // Of zeros: the library may tell of more than it wrote.
+    const std::unique_ptr<unsigned char, decltype(&std::free)> scratch(
+        static_cast<unsigned char*>(std::calloc(input.size(), 1)), &std::free);
     if (scratch == nullptr) {
         return failStatus(NTE_NO_MEMORY, "KSPDecrypt: failed to allocate output buffer");
     }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 
+#include "cert/key_encoding.h"
 #include "core/key_record.h"
 #include "core/wide_text.h"
 
@@ -56,13 +57,8 @@ using KeyDigits = std::array<char, 2 * std::size_t{CREDENTIAL_ID_SIZE}>;
 
 /// Key text in place.
 KeyDigits keyDigits(const unsigned char* credentialId) {
-    constexpr char DIGITS[] = "0123456789ABCDEF";
     KeyDigits digits = {};
-    for (std::size_t i = 0; i < digits.size(); i += 2) {
-        const unsigned char byte = credentialId[i / 2];
-        digits[i] = DIGITS[byte >> 4];
-        digits[i + 1] = DIGITS[byte & 0x0F];
-    }
+    writeHex({credentialId, CREDENTIAL_ID_SIZE}, digits.data());
     return digits;
 }
 
@@ -97,7 +93,7 @@ std::string findDevice(bool anyKey, Match matches) {
 }  // namespace
 
 std::string keyText(const unsigned char* credentialId) {
-    return std::string(viewOf(keyDigits(credentialId)));
+    return bytesToHex(credentialId, CREDENTIAL_ID_SIZE);
 }
 
 bool isKeyText(std::string_view text, const unsigned char* credentialId) {

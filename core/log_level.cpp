@@ -13,8 +13,9 @@ namespace {
 constexpr std::int32_t HIGHEST_LEVEL = 3;
 
 // The key of the settings, opened once and kept: to ask an open key is one call of the system, where opening it, asking
-// and closing it again are three. Only the key is kept, its value is read anew for each line. Plain atomics, so that
-// lines written while the process is taken down find them.
+// and closing it again are three. Its value is read anew for each line; its name and the right to read it are looked at
+// when it is opened, and again when it was deleted. Plain atomics, so that lines written while the process is taken
+// down find them.
 std::atomic<HKEY> g_settingsKey = nullptr;
 std::atomic<int> g_settingsReaders = 0;
 
@@ -39,9 +40,9 @@ struct SettingsReader {
     SettingsReader& operator=(const SettingsReader&) = delete;
 };
 
-/// Puts the key that has the settings' name now in the place of `stale`, which is null or was deleted. Null: there is
-/// no such key, or this thread must not read it.
-HKEY reopenSettings(HKEY stale) {
+/// Puts the key that has the settings' name now in the place of `stale`, which is null, deleted, or was closed by
+/// somebody else in this process. Null: there is no such key, or this thread must not read it.
+HKEY reopenSettings(HKEY stale, bool isDeleted) {
     HKEY opened = nullptr;
     if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, "Software\\Halvane\\Zentok", 0, KEY_QUERY_VALUE, &opened) != ERROR_SUCCESS) {
         return nullptr;
@@ -52,15 +53,23 @@ HKEY reopenSettings(HKEY stale) {
     }
     // A deleted key that another thread may still be asking stays open: one handle for each time that the settings are
     // deleted in the middle of other threads' lines.
-    if (stale != nullptr && g_settingsReaders == 1) {
+    if (isDeleted && g_settingsReaders == 1) {
         RegCloseKey(stale);
     }
     return opened;
 }
 
-LSTATUS readLevelValue(HKEY key, std::array<unsigned char, 32>& data) {
-    auto size = static_cast<DWORD>(data.size());
-    return RegGetValueA(key, nullptr, "logLevel", RRF_RT_ANY, nullptr, data.data(), &size);
+using LevelValue = std::array<unsigned char, 32>;
+
+LSTATUS readLevelValue(HKEY key, LevelValue& value) {
+    value.fill(0);
+    auto size = static_cast<DWORD>(value.size());
+    return RegGetValueA(key, nullptr, "logLevel", RRF_RT_ANY, nullptr, value.data(), &size);
+}
+
+/// Whether the key answered, be it that there is no such value or none of this size.
+bool isAnswer(LSTATUS status) {
+    return status == ERROR_SUCCESS || status == ERROR_FILE_NOT_FOUND || status == ERROR_MORE_DATA;
 }
 
 }  // namespace
@@ -68,17 +77,17 @@ LSTATUS readLevelValue(HKEY key, std::array<unsigned char, 32>& data) {
 std::int32_t readLogLevel() {
     const LastErrorKeeper keeper;
     const SettingsReader reader;
-    std::array<unsigned char, 32> data = {};
+    LevelValue value = {};
     HKEY key = g_settingsKey;
-    LSTATUS status = key != nullptr ? readLevelValue(key, data) : ERROR_KEY_DELETED;
-    if (status == ERROR_KEY_DELETED) {
-        key = reopenSettings(key);
-        status = key != nullptr ? readLevelValue(key, data) : ERROR_FILE_NOT_FOUND;
+    LSTATUS status = key != nullptr ? readLevelValue(key, value) : ERROR_INVALID_HANDLE;
+    if (!isAnswer(status)) {
+        key = reopenSettings(key, status == ERROR_KEY_DELETED);
+        status = key != nullptr ? readLevelValue(key, value) : ERROR_FILE_NOT_FOUND;
     }
     if (status != ERROR_SUCCESS) {
         return LOG_LEVEL_ERROR;
     }
     std::int32_t level = 0;
-    std::memcpy(&level, data.data(), sizeof level);
+    std::memcpy(&level, value.data(), sizeof level);
     return level <= HIGHEST_LEVEL ? level : LOG_LEVEL_ERROR;
 }
