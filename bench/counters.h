@@ -15,8 +15,6 @@ struct Counts {
     unsigned listCopies = 0;  ///< blocks of the size of the token's whole key list
     unsigned allocations = 0;
     unsigned locks = 0;  ///< std::mutex
-
-    bool operator==(const Counts&) const = default;
 };
 
 /// Runs `call` once. `listBytes` is the size that counts as a copy of a list.

@@ -1,5 +1,6 @@
-// bench [--quick] [--json FILE] [SECTION...]: measures the sections named, or all; the code is 1 when a target is
-// missed. bench --counts: one line for each call, "ok" when it asks for no more and no less than its contract demands.
+// bench [--quick] [--json FILE] [SECTION...]: measures the sections named, or all; the code is 1 when a count is off,
+// or a target is missed that is not known to be. bench --counts: one line for each call, "ok" when it asks for no more
+// and no less than its contract demands, and allocates no more than written down.
 #include <algorithm>
 #include <exception>
 #include <iostream>

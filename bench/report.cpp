@@ -7,6 +7,7 @@
 #include <iostream>
 #include <iterator>
 #include <numeric>
+#include <string_view>
 
 #include "tools/zentok/json.h"
 
@@ -16,13 +17,34 @@ namespace {
 struct CountColumn {
     const char* title;
     unsigned Counts::*count;
+    bool atMost = false;  ///< fewer are as good
+
+    bool isMet(const CountFigure& counts) const {
+        const unsigned found = counts.found.*count;
+        const unsigned demanded = counts.demanded.*count;
+        return atMost ? found <= demanded : found == demanded;
+    }
 };
 constexpr CountColumn COUNT_COLUMNS[] = {
     {"level checks", &Counts::levelChecks},
     {"library calls", &Counts::libraryCalls},
     {"list copies", &Counts::listCopies},
-    {"allocations", &Counts::allocations},
+    {"allocations", &Counts::allocations, true},
     {"locks", &Counts::locks},
+};
+
+/// A target that is missed for what a contract puts between the call and its floor. The row of the same call against
+/// what is demanded shows whether there is more to it, and has the same target.
+struct KnownMiss {
+    std::string_view figure;
+    std::string_view reason;
+};
+constexpr KnownMiss KNOWN_MISSES[] = {
+    {"CPHashData, SHA-256, 1 MiB", "1 level check"},
+    {"CPEncrypt, AES-256-CBC, 1 MiB", "3 level checks, copy of the result"},
+    {"CPDecrypt, AES-256-CBC, 1 MiB", "8 level checks, copy of the result"},
+    {"KSPEncrypt, AES-256-CBC, 1 MiB", "3 level checks, copy of the result"},
+    {"KSPDecrypt, AES-256-CBC, 1 MiB", "6 level checks, scratch block, copy of the result"},
 };
 
 /// Three digits that count, or more before the point.
@@ -40,7 +62,7 @@ std::string exactText(const std::optional<double>& value) {
 std::string countText(const CountFigure& counts, const CountColumn& column) {
     const unsigned demanded = counts.demanded.*column.count;
     const unsigned found = counts.found.*column.count;
-    return std::to_string(found) + (found == demanded ? "" : " (demanded: " + std::to_string(demanded) + ")");
+    return std::to_string(found) + (column.isMet(counts) ? "" : " (demanded: " + std::to_string(demanded) + ")");
 }
 
 std::string countJson(const CountFigure& counts, const CountColumn& column) {
@@ -50,6 +72,10 @@ std::string countJson(const CountFigure& counts, const CountColumn& column) {
 }
 
 }  // namespace
+
+bool CountFigure::isMet() const {
+    return std::ranges::all_of(COUNT_COLUMNS, [&](const CountColumn& column) { return column.isMet(*this); });
+}
 
 std::string CountFigure::text() const {
     std::string text;
@@ -67,6 +93,7 @@ void Report::section(const std::string& title) {
 void Report::add(const Figure& figure) {
     Field target = {"target", "", "null"};
     Field verdict = {"met", "", "null"};
+    Field known = {"missed for", "", "null"};
     if (figure.target && figure.ratio) {
         const bool isMet = figure.target->atMost ? *figure.ratio <= figure.target->bound  //
                                                  : *figure.ratio >= figure.target->bound;
@@ -74,7 +101,13 @@ void Report::add(const Figure& figure) {
         target.json = jsonText(target.text);
         verdict.text = isMet ? "yes" : "MISSED";
         verdict.json = isMet ? "true" : "false";
-        met = met && isMet;
+        const auto* const miss = std::ranges::find(KNOWN_MISSES, figure.name, &KnownMiss::figure);
+        if (!isMet && miss != std::end(KNOWN_MISSES)) {
+            known.text = miss->reason;
+            known.json = jsonText(known.text);
+        } else {
+            met = met && isMet;
+        }
     }
     sections.back().rows.push_back({{"name", figure.name, jsonText(figure.name)},
                                     {"unit", figure.unit, jsonText(figure.unit)},
@@ -82,7 +115,8 @@ void Report::add(const Figure& figure) {
                                     {"floor", figure.floor ? numberText(*figure.floor) : "", exactText(figure.floor)},
                                     {"ratio", figure.ratio ? numberText(*figure.ratio) : "", exactText(figure.ratio)},
                                     target,
-                                    verdict});
+                                    verdict,
+                                    known});
 }
 
 void Report::add(const std::string& name, const Timing& timing, std::optional<Target> target) {
@@ -103,12 +137,15 @@ void Report::add(const CountFigure& counts) {
     met = met && counts.isMet();
 }
 
-/// The first column is text, the others are numbers.
+/// The first column is text, the others are numbers. One that is empty in every row is left out.
 void Report::printTable(const std::vector<Row>& rows) {
     std::string heading = "|";
     std::string rule = "|";
     std::vector<std::string> lines(rows.size(), "|");
     for (std::size_t column = 0; column < rows.front().size(); ++column) {
+        if (std::ranges::all_of(rows, [=](const Row& row) { return row[column].text.empty(); })) {
+            continue;
+        }
         const std::string title = rows.front()[column].title;
         const std::size_t width =
             std::accumulate(rows.begin(), rows.end(), title.size(),
