@@ -2,6 +2,7 @@
 #include "bench/null_clients.h"
 #include "bench/sections.h"
 #include "core/container_map.h"
+#include "core/log.h"
 
 namespace bench {
 namespace {
@@ -15,9 +16,10 @@ struct Operation {
     Call libraryWork;  ///< the library calls and list copies that are demanded
 };
 
-/// Demanded is a level check for each line of the log, and a copy of each list. Allocations are those copies, what the
-/// library hands out by value, the records, and each text of more than 15 characters: key names, and the lines that
-/// are handed to the log by value. A line put together from several pieces outgrows its first block once.
+/// Demanded is a level check for each line of the log, and a copy of each list. Allocations are demanded by nobody; at
+/// most there are those copies, what the library hands out by value, the records, and each text of more than 15
+/// characters: key names, and the lines that are handed to the log by value. A line put together from several pieces
+/// outgrows its first block once.
 std::vector<Operation> operations(CryptoApiClient& capi, KeyStorageClient& cng) {
     const auto nothing = [] {};
     const auto findKey = [] {
@@ -46,6 +48,22 @@ std::vector<Operation> operations(CryptoApiClient& capi, KeyStorageClient& cng) 
          {.levelChecks = 3, .libraryCalls = 1, .allocations = 3 + 4 + 1},
          [&] { capi.verify(); },
          verifyInLibrary},
+        // As above, with the list. Who gives no key gets a line at error level, which is written with four texts.
+        {"CPVerifySignature, key of the container",
+         {.levelChecks = 3, .libraryCalls = 2, .listCopies = 1, .allocations = 3 + 4 + 1 + 1 + 4},
+         [&] { capi.verifyWithContainer(); },
+         [] {
+             writeLogLine(LOG_LEVEL_ERROR, "Key Handle Not Initialized or Public Key Length is zero");
+             copyList();
+             verifyInLibrary();
+         }},
+        {"CPVerifySignature, EC key",
+         {.levelChecks = 3, .libraryCalls = 1, .allocations = 3 + 1 + 1},
+         [&] { capi.verifyEc(); },
+         verifyInLibrary},
+        {"CPGetProvParam PP_NAME", {.levelChecks = 5, .allocations = 4}, [&] { capi.getName(); }, nothing},
+        // Two lines and the parameter's name. The key's id becomes text only for a line that is written.
+        {"CPGetKeyParam KP_KEYLEN", {.levelChecks = 4, .allocations = 2 + 1}, [&] { capi.getKeyLength(); }, nothing},
         {"CPGetHashParam HP_HASHVAL, running hash",
          {.levelChecks = 3, .libraryCalls = 1, .allocations = 2},
          [&] {

@@ -83,20 +83,20 @@ int playRole(std::string_view name) {
 }
 
 void measureFootprint(Report& report) {
-    report.section("The library in its host, against ZentokDSCLibrary.dll alone");
+    report.section("ZentokCSP.dll in its host");
     for (const char* folder : {"bin", "stripped"}) {
-        const auto sizeOf = [=](const char* library) {
-            return static_cast<double>(std::filesystem::file_size(buildFolder() / folder / library)) / 1024;
-        };
-        report.add(
-            {"size in build/" + std::string(folder), "KiB", sizeOf("ZentokCSP.dll"), sizeOf("ZentokDSCLibrary.dll")});
+        const auto size = std::filesystem::file_size(buildFolder() / folder / "ZentokCSP.dll");
+        report.add({"size in build/" + std::string(folder), "KiB", static_cast<double>(size) / 1024});
     }
-    addPair(report, "loading both in a fresh process", "us", "load-provider", "load-library");
+    addPair(report, "loading with ZentokDSCLibrary.dll in a fresh process, against that alone", "us", "load-provider",
+            "load-library");
     // A host whose provider is pinned by then.
     LoadLibraryA("ZentokCSP.dll");
-    report.add("loading again", measurePair([] { FreeLibrary(LoadLibraryA("ZentokCSP.dll")); },
-                                            [] { FreeLibrary(LoadLibraryA("advapi32.dll")); }));
-    addPair(report, "peak memory of a host that signs once", "KiB", "sign", "sign-bare");
+    report.add("loading again, against advapi32.dll again",
+               measurePair([] { FreeLibrary(LoadLibraryA("ZentokCSP.dll")); },
+                           [] { FreeLibrary(LoadLibraryA("advapi32.dll")); }));
+    addPair(report, "peak memory of a host that signs once, against ZentokDSCLibrary.dll alone", "KiB", "sign",
+            "sign-bare");
 }
 
 }  // namespace bench

@@ -75,9 +75,9 @@ void addSlopes(Report& report, const std::vector<Timings>& timings, const std::s
         const Timing low = between(TEN);
         const Timing high = between(TEN + 1);
         const std::string name = CALLS[call] + mode;
-        report.add(name + ", a key from 10 to 100", low, TARGET);
-        report.add(name + ", a key from 100 to 1000", high, TARGET);
-        report.add(name + ", a key from 100 to 1000, against one from 10 to 100", {high.call, low.call});
+        report.add(name + ", keys 10 to 100", low, TARGET);
+        report.add(name + ", keys 100 to 1000", high, TARGET);
+        report.add(name + ", keys 100 to 1000, against 10 to 100", {high.call, low.call});
     }
 }
 

@@ -10,6 +10,7 @@
 #include "bench/null_token.h"
 #include "capi/csp_interface.h"
 #include "capi/hash.h"
+#include "capi/user_keys.h"
 #include "cng/functions.h"
 #include "core/token_library.h"
 #include "core/wide_text.h"
@@ -35,6 +36,9 @@ public:
     CryptoApiClient() {
         require(CPCreateHash(context, CALG_SHA_256, 0, 0, &hash), "CPCreateHash");
         require(CPGetUserKey(context, AT_KEYEXCHANGE, &key), "CPGetUserKey");
+        ecKey.algId = ALG_EC_KEY;
+        ecKey.bitSize = 256;
+        ecKey.publicKeyLength = 65;
         sign();
     }
     /// The hash becomes what it was before its first signature: running, and bound to no key.
@@ -49,19 +53,35 @@ public:
         DWORD length = sizeof signature;
         require(CPSignHash(context, hash, AT_SIGNATURE, nullptr, 0, signature, &length), "CPSignHash");
     }
-    void verify() {
-        require(CPVerifySignature(context, hash, signature, SIGNATURE_SIZE, key, nullptr, 0), "CPVerifySignature");
-    }
+    void verify() { verifyWith(key); }
+    void verifyEc() { verifyWith(reinterpret_cast<HCRYPTKEY>(&ecKey)); }
+    void verifyWithContainer() { verifyWith(0); }
     void getHashParam(DWORD parameter) const {
         BYTE value[MAX_DIGEST_SIZE];
         DWORD length = sizeof value;
         require(CPGetHashParam(context, hash, parameter, value, &length, 0), "CPGetHashParam");
     }
+    void getName() const {
+        BYTE value[64];
+        DWORD length = sizeof value;
+        require(CPGetProvParam(context, PP_NAME, value, &length, 0), "CPGetProvParam");
+    }
+    void getKeyLength() const {
+        DWORD value = 0;
+        DWORD length = sizeof value;
+        require(CPGetKeyParam(context, key, KP_KEYLEN, reinterpret_cast<BYTE*>(&value), &length, 0), "CPGetKeyParam");
+    }
 
 private:
+    void verifyWith(HCRYPTKEY publicKey) {
+        require(CPVerifySignature(context, hash, signature, SIGNATURE_SIZE, publicKey, nullptr, 0),
+                "CPVerifySignature");
+    }
+
     HCRYPTPROV context = acquire(keyTextOf(0, KEYS - 1));
     HCRYPTHASH hash = 0;
     HCRYPTKEY key = 0;
+    KEY_HANDLE ecKey = {};
     BYTE signature[SIGNATURE_SIZE] = {};
 };
 
