@@ -1,8 +1,8 @@
 // Calls that grow: with the keys on the tokens, and with the threads that make them.
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <functional>
-#include <latch>
 #include <memory>
 #include <thread>
 
@@ -83,19 +83,24 @@ void addSlopes(Report& report, const std::vector<Timings>& timings, const std::s
 
 /// Calls a second on so many threads together, each with a call of its own.
 double callsPerSecond(const std::vector<Call>& work, std::size_t calls) {
-    std::latch start(static_cast<std::ptrdiff_t>(work.size()) + 1);
+    std::atomic<std::size_t> missing = work.size() + 1;
+    const auto startTogether = [&] {
+        for (--missing; missing != 0;) {
+            std::this_thread::yield();
+        }
+    };
     std::vector<std::thread> running;
     running.reserve(work.size());
     for (const Call& call : work) {
         running.emplace_back([&] {
-            start.arrive_and_wait();
+            startTogether();
             for (std::size_t i = 0; i < calls; ++i) {
                 call();
             }
         });
     }
     const double time = timeOf([&] {
-        start.arrive_and_wait();
+        startTogether();
         std::for_each(running.begin(), running.end(), std::mem_fn(&std::thread::join));
     });
     return static_cast<double>(work.size() * calls) / time * 1e9;
