@@ -1,5 +1,4 @@
 // Signatures, encryption and foreign keys through the platform, with the native openssl on the other side.
-#include <algorithm>
 #include <numeric>
 
 #include "tests/platform/platform_test.h"
@@ -43,21 +42,6 @@ TEST_F(CryptographyTest, OpensslAcceptsEveryKeyAndHash) {
     }
 }
 
-Code encrypt(const Key& key, DWORD flags, Bytes& data) {
-    DWORD size = sizeOf(data);
-    data.resize(std::max<std::size_t>(data.size() + 16, 512));
-    const Code result = outcome(CryptEncrypt(key.get(), 0, TRUE, flags, data.data(), &size, sizeOf(data)));
-    data.resize(size);
-    return result;
-}
-
-Code decrypt(const Key& key, DWORD flags, Bytes& data) {
-    DWORD size = sizeOf(data);
-    const Code result = outcome(CryptDecrypt(key.get(), 0, TRUE, flags, data.data(), &size));
-    data.resize(result == OK ? size : data.size());
-    return result;
-}
-
 TEST_F(CryptographyTest, RsaBothWays) {
     const Bytes secret = {'s', 'e', 'c', 'r', 'e', 't', 0, 1, 0xFF};
     for (const FipsClass fipsClass : {FipsClass::FIPS_140_2, FipsClass::FIPS_140_3}) {
@@ -83,11 +67,11 @@ TEST_F(CryptographyTest, RsaBothWays) {
 
 TEST_F(CryptographyTest, ForeignSignaturesVerifyWithoutAToken) {
     const Context context = acquire("", CRYPT_VERIFYCONTEXT);
-    for (const char* bits : {"2048", "4096"}) {
+    for (const auto& [exponent, bits] : {std::pair("-3", "2048"), std::pair("-F4", "4096")}) {
         SCOPED_TRACE(bits);
         const ScratchFolder files;
         const std::string privateKey = files.nativeFile("key");
-        openssl({"genrsa", "-out", privateKey, bits});
+        openssl({"genrsa", exponent, "-out", privateKey, bits});
         const Bytes publicKey = fromOpenssl({"rsa", "-in", privateKey, "-pubout", "-outform", "DER"});
         Bytes info = answerOf([&](BYTE* data, DWORD* size) {
             return CryptDecodeObjectEx(X509_ASN_ENCODING, X509_PUBLIC_KEY_INFO, publicKey.data(), sizeOf(publicKey), 0,
@@ -110,11 +94,14 @@ void compareAes(const Key& key, const Bytes& keyBytes, const char* mode, const B
     SCOPED_TRACE(mode + hexOf(keyBytes));
     const DWORD keyMode = std::string(mode) == "ecb" ? CRYPT_MODE_ECB : CRYPT_MODE_CBC;
     ASSERT_EQ(outcome(CryptSetKeyParam(key.get(), KP_MODE, reinterpret_cast<const BYTE*>(&keyMode), 0)), OK);
-    Bytes data = document();
-    ASSERT_EQ(encrypt(key, 0, data), OK);
-    EXPECT_EQ(data, aesByOpenssl(mode, keyBytes, iv, document()));
-    EXPECT_EQ(decrypt(key, 0, data), OK);
-    EXPECT_EQ(data, document());
+    for (const std::size_t size : {1U, 15U, 16U, 17U, 200000U}) {
+        const Bytes clear(document().begin(), document().begin() + static_cast<std::ptrdiff_t>(size));
+        Bytes data = clear;
+        ASSERT_EQ(encrypt(key, 0, data), OK);
+        EXPECT_EQ(data, aesByOpenssl(mode, keyBytes, iv, clear));
+        EXPECT_EQ(decrypt(key, 0, data), OK);
+        EXPECT_EQ(data, clear);
+    }
 }
 
 TEST_F(CryptographyTest, AesKeysDerivedAndWrapped) {

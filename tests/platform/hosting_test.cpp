@@ -1,4 +1,4 @@
-// The provider's life inside its host: tokens pulled out, containers deleted, and users who are asked for the PIN and
+// The provider's life inside its host: tokens pulled out, and users who are asked for the PIN and
 // answer with the keys of the machine.
 #include "tests/platform/platform_test.h"
 
@@ -37,24 +37,6 @@ TEST_F(HostingTest, ATokenPulledOutTakesItsLoginAlong) {
     const PasswordUser user({logIn(PIN)});
     EXPECT_EQ(sign(hash, signature), OK) << "the old context lives on";
     EXPECT_EQ(sign(acquire(keyText)), OK);
-}
-
-TEST_F(HostingTest, ContainersAreDeleted) {
-    const Token token;
-    const std::string other = token.addKey();
-    const PasswordUser user({logIn(PIN)});
-    for (int key = 0; key < 2; ++key) {
-        generateKey(acquire(container, key == 0 ? CRYPT_NEWKEYSET : 0));
-    }
-    EXPECT_EQ(findKey(acquire(container)), OK);
-    token.pullOut();
-    EXPECT_EQ(tryAcquire(container, CRYPT_DELETEKEYSET), NO_TOKEN);
-    token.plugIn();
-    EXPECT_EQ(softtoken::listTokens().at(0).keyPairs, 3U);
-    EXPECT_EQ(tryAcquire(container, CRYPT_DELETEKEYSET), OK);
-    EXPECT_EQ(softtoken::listTokens().at(0).keyPairs, 1U);
-    EXPECT_EQ(findKey(acquire(container)), code(NTE_BAD_KEY));
-    EXPECT_EQ(findKey(acquire(other)), OK);
 }
 
 using LoginTest = PlatformTest;

@@ -2,6 +2,7 @@
 #include "tests/platform/ksp_test.h"
 
 #include <numeric>
+#include <optional>
 
 namespace test {
 namespace {
@@ -27,11 +28,15 @@ TEST_F(KspTest, SignaturesBothWays) {
         const KeyStorage storage;
         const KspKey key = storage.create(kind);
         const std::string publicKey = storage.publicKey(token, key);
+        EXPECT_EQ(storage.property(key, TEXT("Provider Handle")), bytesOf(storage.get()));
+        EXPECT_EQ(storage.property(key, NCRYPT_ALGORITHM_GROUP_PROPERTY), wideBytes(kind.group));
+        EXPECT_EQ(storage.property(key, NCRYPT_LENGTH_PROPERTY), bytesOf(kind.bits));
+        EXPECT_EQ(storage.property(key, NCRYPT_KEY_USAGE_PROPERTY), bytesOf(DWORD{3}));
         EXPECT_EQ(storage.exportPublic(key, kind.blobType()), blobOf(kind, spkiOf(publicKey)));
         const ForeignKey foreign(kind);
         const KspKey foreignKey = storage.import(kind.blobType(), foreign.blob);
         for (const DWORD padding : {DWORD{BCRYPT_PAD_PKCS1}, DWORD{BCRYPT_PAD_PSS}}) {  // no matter for an EC key
-            for (const std::string hash : {"SHA1", "SHA256", "SHA384", "SHA512"}) {
+            for (const std::string hash : {"MD5", "SHA1", "SHA224", "SHA256", "SHA384", "SHA512"}) {
                 const bool pss = padding == BCRYPT_PAD_PSS && kind.isRsa();
                 SCOPED_TRACE(hash + (pss ? ", PSS" : ""));
                 const Bytes digest = digestOf(hash, document());
@@ -47,6 +52,25 @@ TEST_F(KspTest, SignaturesBothWays) {
                 signature = kind.isRsa() ? signature : rawEcSignature(signature, kind.signatureSize());
                 EXPECT_EQ(storage.verify(foreignKey, digest, signature, padding), OK);
             }
+        }
+    }
+}
+
+TEST_F(KspTest, ProvidersAndKeysOfTheSecondTokenEndInAnyOrder) {
+    const Token first;
+    const Token second;
+    const std::string keyText = second.addKey();
+    const Bytes digest = digestOf("SHA256", document());
+    for (const DWORD keySpec : {DWORD{0}, DWORD{AT_KEYEXCHANGE}, DWORD{AT_SIGNATURE}}) {
+        for (const bool keyEndsFirst : {true, false}) {
+            std::optional<KeyStorage> storage(std::in_place, nullptr);
+            std::optional<KspKey> key(storage->open(keyText, keySpec));
+            ASSERT_EQ(storage->logIn(PIN), OK);  // at the token that holds the key
+            EXPECT_EQ(storage->sign(*key, digest, BCRYPT_PAD_PKCS1).size(), 256U);
+            if (keyEndsFirst) {
+                key.reset();
+            }
+            storage.reset();
         }
     }
 }

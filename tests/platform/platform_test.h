@@ -2,6 +2,7 @@
 // and this program run again as another process. The provider is reached through the platform alone.
 #pragma once
 
+#include <algorithm>
 #include <filesystem>
 #include <functional>
 #include <ostream>
@@ -132,6 +133,20 @@ inline Code sign(const Context& context) {
 }
 inline Code verify(const Hash& hash, const Bytes& signature, const Key& key) {
     return outcome(CryptVerifySignatureA(hash.get(), signature.data(), sizeOf(signature), key.get(), nullptr, 0));
+}
+/// In one final piece, which takes the place of `data`.
+inline Code encrypt(const Key& key, DWORD flags, Bytes& data) {
+    DWORD size = sizeOf(data);
+    data.resize(std::max<std::size_t>(data.size() + 16, 512));
+    const Code result = outcome(CryptEncrypt(key.get(), 0, TRUE, flags, data.data(), &size, sizeOf(data)));
+    data.resize(size);
+    return result;
+}
+inline Code decrypt(const Key& key, DWORD flags, Bytes& data) {
+    DWORD size = sizeOf(data);
+    const Code result = outcome(CryptDecrypt(key.get(), 0, TRUE, flags, data.data(), &size));
+    data.resize(result == OK ? size : data.size());
+    return result;
 }
 
 inline const Bytes& document() {

@@ -1,8 +1,8 @@
 // Everything that a host can do with both fronts, over and over, while the figures of the process have to stay flat.
 // ZENTOK_SOAK_ROUNDS and ZENTOK_SOAK_MINUTES say for how long; scripts/soak does.
 #include <cstdio>
+#include <filesystem>
 
-#include "tests/platform/authority.h"
 #include "tests/platform/figures.h"
 #include "tests/platform/ksp_test.h"
 
@@ -13,16 +13,24 @@ class SoakTest : public PlatformTest {
 protected:
     void SetUp() override {
         setLogLevel(2);
-        const KeyStorage storage;
-        certificate = authority.issue(spkiOf(token.publicKey(rsaKey)), true, [&](const Bytes& info) {
-            return storage.sign(storage.open(rsaKey), digestOf("SHA256", info), BCRYPT_PAD_PKCS1);
-        });
+        const std::string folder = "ZentokDSC/Certificates/", issuerKey = files.nativeFile("issuer.key");
+        const std::string issuer = files.nativeFile(folder + "issuer.pem");
+        std::filesystem::create_directories(files.file(folder));
+        SetEnvironmentVariableA("ZENTOK_HOME", files.path().c_str());
+        openssl({"req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=Issuer", "-keyout",
+                 issuerKey, "-out", issuer});
+        certificate = fromOpenssl({"x509", "-new", "-force_pubkey", token.publicKey(rsaKey), "-subj", "/CN=Owner",
+                                   "-CA", issuer, "-CAkey", issuerKey, "-outform", "DER"});
+    }
+    void TearDown() override {
+        PlatformTest::TearDown();
+        SetEnvironmentVariableA("ZENTOK_HOME", nullptr);
     }
     void useCryptoApi() const;
     void useKeyStorage() const;
     void useWhatTakesSeconds() const;
 
-    const Authority authority;
+    const ScratchFolder files;
     const Token token;
     const std::string rsaKey = token.addKey(), ecKey = token.addKey(KEY_TYPE_EC_P256);
     Bytes certificate;
@@ -33,7 +41,7 @@ void SoakTest::useCryptoApi() const {
     const Key key = userKey(context, AT_KEYEXCHANGE);
     Key imported, aesKey, none;
     Hash hmac, copy;
-    Bytes clear(48), signature, block(4096);
+    Bytes clear(48), signature, block(4096), garbage(256);
     DWORD size = sizeOf(clear);
     EXPECT_EQ(outcome(CryptGenRandom(context.get(), size, clear.data())), OK);
     const Hash hash = hashOf(context, clear), other = hashOf(context, certificate);
@@ -44,18 +52,19 @@ void SoakTest::useCryptoApi() const {
     EXPECT_EQ(verify(hash, signature, imported), OK);
     EXPECT_EQ(verify(other, signature, key), code(NTE_BAD_SIGNATURE));
     EXPECT_EQ(outcome(CryptDeriveKey(context.get(), CALG_AES_256, other.get(), 0, aesKey.out())), OK);
-    for (const auto& [used, flags] : {std::pair(key.get(), DWORD{CRYPT_OAEP}), std::pair(aesKey.get(), DWORD{0})}) {
-        std::copy(clear.begin(), clear.end(), block.begin());
-        size = sizeOf(clear);
-        EXPECT_EQ(outcome(CryptEncrypt(used, 0, TRUE, flags, block.data(), &size, sizeOf(block))), OK);
-        EXPECT_EQ(outcome(CryptDecrypt(used, 0, TRUE, flags, block.data(), &size)), OK);
-        EXPECT_TRUE(size == sizeOf(clear) && std::equal(clear.begin(), clear.end(), block.begin()));
+    const std::pair<const Key*, DWORD> ways[] = {{&key, CRYPT_OAEP}, {&aesKey, 0}};
+    for (const auto& [used, flags] : ways) {
+        Bytes data = clear;
+        EXPECT_EQ(encrypt(*used, flags, data), OK);
+        EXPECT_EQ(decrypt(*used, flags, data), OK);
+        EXPECT_EQ(data, clear);
     }
     EXPECT_EQ(outcome(CryptCreateHash(context.get(), CALG_HMAC, aesKey.get(), 0, hmac.out())), OK);
     HMAC_INFO info = {CALG_SHA_256, nullptr, 0, nullptr, 0};
     EXPECT_EQ(outcome(CryptSetHashParam(hmac.get(), HP_HMAC_INFO, reinterpret_cast<BYTE*>(&info), 0)), OK);
     EXPECT_EQ(outcome(CryptDuplicateHash(hmac.get(), nullptr, 0, copy.out())), OK);
-    for (const DWORD parameter : {PP_NAME, PP_CONTAINER, PP_KEYSET_SEC_DESCR, PP_ENUMCONTAINERS, PP_ENUMALGS_EX}) {
+    for (const DWORD parameter :
+         {PP_NAME, PP_CONTAINER, PP_KEYSET_SEC_DESCR, PP_ENUMCONTAINERS, PP_ENUMALGS_EX, PP_CERTCHAIN}) {
         size = sizeOf(block);
         EXPECT_EQ(outcome(CryptGetProvParam(context.get(), parameter, block.data(), &size, CRYPT_FIRST)), OK);
     }
@@ -64,8 +73,7 @@ void SoakTest::useCryptoApi() const {
     EXPECT_EQ(outcome(CryptGetKeyParam(key.get(), KP_SALT, block.data(), &size, 0)), code(NTE_BAD_TYPE));
     EXPECT_EQ(outcome(CryptImportKey(context.get(), certificate.data(), sizeOf(certificate), 0, 0, none.out())),
               code(NTE_BAD_TYPE));
-    size = 256;
-    EXPECT_EQ(outcome(CryptDecrypt(key.get(), 0, TRUE, CRYPT_OAEP, block.data(), &size)), code(NTE_PROVIDER_DLL_FAIL));
+    EXPECT_EQ(decrypt(key, CRYPT_OAEP, garbage), code(NTE_PROVIDER_DLL_FAIL));
 }
 
 void SoakTest::useKeyStorage() const {
@@ -100,8 +108,14 @@ void SoakTest::useKeyStorage() const {
 /// A container that comes and goes, a certificate stored anew, and a token pulled out until its login is gone, which
 /// the user then types again.
 void SoakTest::useWhatTakesSeconds() const {
-    generateKey(acquire(container, CRYPT_NEWKEYSET | CRYPT_SILENT));
+    const KeyStorage storage;
+    EXPECT_EQ(storage.setProperty(storage.open(rsaKey), NCRYPT_CERTIFICATE_PROPERTY, certificate), OK);
+    EXPECT_EQ(softtoken::listTokens().at(0).certificates, 2U) << "with its issuer";
+    for (const DWORD flags : {CRYPT_NEWKEYSET, 0}) {
+        generateKey(acquire(container, flags | CRYPT_SILENT));
+    }
     EXPECT_EQ(tryAcquire(container, CRYPT_DELETEKEYSET), OK);
+    EXPECT_EQ(softtoken::listTokens().at(0).keyPairs, 2U) << "both keys of the container are gone, and no other";
     const Context silent = acquire(rsaKey, CRYPT_SILENT);
     EXPECT_EQ(outcome(CryptSetKeyParam(userKey(silent).get(), KP_CERTIFICATE, certificate.data(), 0)), OK);
     const Hash hash = hashOf(silent, certificate);

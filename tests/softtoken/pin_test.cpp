@@ -37,9 +37,9 @@ TEST_F(PinTest, CountsDownLocksAndStaysLocked) {
     EXPECT_EQ(validate(PIN), 0);
     EXPECT_EQ(storedRetries(), 10) << "the right PIN gives all attempts back";
     tryUntil(0);
-    EXPECT_EQ(sign(pair, counted(32)).code, softtoken::RESULT_PIN_LOCKED) << "also the right PIN, verified before";
+    EXPECT_EQ(sign(pair), softtoken::RESULT_PIN_LOCKED) << "also the right PIN, verified before";
     softtoken::resetRetryCounter(SERIAL);
-    EXPECT_EQ(sign(pair, counted(32)).code, 0);
+    EXPECT_EQ(sign(pair), 0);
 }
 
 TEST_F(PinTest, TheSameWrongPinCostsOneAttempt) {
@@ -55,8 +55,8 @@ TEST_F(PinTest, TheSameWrongPinCostsOneAttempt) {
     EXPECT_EQ(zentok_updateKeyPairDetails(SERIAL, id, "old PIN", "", nullptr, 0, nullptr), softtoken::RESULT_WRONG_PIN);
     EXPECT_EQ(zentok_importCertificate(SERIAL, "old PIN", &certificate, nullptr), softtoken::RESULT_WRONG_PIN);
     softtoken::changePin(SERIAL, PIN, "old PIN");
-    EXPECT_EQ(sign(pair, counted(32), false, "old PIN").code, 0) << "what was wrong may become right";
-    EXPECT_EQ(sign(pair, counted(32)).code, softtoken::RESULT_WRONG_PIN) << "a verified PIN ends with its record";
+    EXPECT_EQ(sign(pair, 32, "old PIN"), 0) << "what was wrong may become right";
+    EXPECT_EQ(sign(pair), softtoken::RESULT_WRONG_PIN) << "a verified PIN ends with its record";
 }
 
 TEST_F(PinTest, CounterIsLoweredBeforeTheTry) {
@@ -78,7 +78,7 @@ TEST_F(PinTest, CounterIsLoweredBeforeTheTry) {
 }
 
 TEST_F(PinTest, SingleSignOnOpensUntilItExpires) {
-    const auto signWithout = [&] { return sign(pair, counted(32), false, "").code; };
+    const auto signWithout = [&] { return sign(pair, 32, ""); };
     softtoken::enableSso(SERIAL, PIN, 3600);
     replug();
     EXPECT_EQ(ssoState(), std::pair(1, 1));

@@ -3,7 +3,6 @@
 
 #include <cstdlib>
 #include <numeric>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -46,25 +45,6 @@ protected:
         ASSERT_TRUE(MoveFileA(folder(".pulled").c_str(), folder().c_str()));
     }
 
-    /// Runs openssl, which must succeed. "@x" in the command is the file x of `scratch`.
-    void openssl(const std::string& command) const {
-        Texts arguments;
-        std::istringstream words(command);
-        for (std::string word; words >> word;) {
-            arguments.push_back(word.front() == '@' ? scratch.nativeFile(word.substr(1)) : word);
-        }
-        const CommandResult result = runOpenssl(arguments);
-        EXPECT_EQ(result.exitCode, 0) << command << "\n" << result.output;
-    }
-
-    /// Puts a key's public half into @token.pem. Its SubjectPublicKeyInfo comes back.
-    Bytes publish(const ZentokKeyPair& pair) const {
-        const std::string file = softtoken::publicKeyFile(SERIAL, pair.credentialId);
-        scratch.write("token.pem", softtoken::readFile(softtoken::widen(file), 4096));
-        openssl("pkey -pubin -in @token.pem -outform DER -out @public.der");
-        return scratch.read("public.der");
-    }
-
     ScratchFolder home;
     ScratchFolder scratch;
 };
@@ -87,10 +67,10 @@ Answer taken(Operation operation) {
     return answer;
 }
 
-/// `count` bytes that count up from `first`.
-inline Bytes counted(std::size_t count, unsigned char first = 0) {
+/// `count` bytes that count up from 0.
+inline Bytes counted(std::size_t count) {
     Bytes result(count);
-    std::iota(result.begin(), result.end(), first);
+    std::iota(result.begin(), result.end(), static_cast<unsigned char>(0));
     return result;
 }
 
@@ -102,32 +82,22 @@ inline ZentokKeyPair newKey(KeyType type) {
     return softtoken::generateKeyPair(SERIAL, PIN, type, KEY_USAGE_BOTH, "");
 }
 
-inline Bytes publicKeyOf(const ZentokKeyPair& pair) {
-    return {pair.publicKey, pair.publicKey + pair.publicKeyLength};
-}
-
 inline int validate(const std::string& pin, int* retries = nullptr, const char* serial = SERIAL) {
     return zentok_validatePassword(serial, pin.c_str(), 1, retries, nullptr);
 }
 
-inline Answer sign(const ZentokKeyPair& pair, const Bytes& digest, bool pss = false, const char* pin = PIN) {
-    Answer answer{-1, Bytes(512)};
-    int length = 512;
-    answer.code = zentok_signHash(SERIAL, pair.credentialId, pin, digest.data(), lengthOf(digest), answer.bytes.data(),
-                                  &length, false, nullptr, pss);
-    answer.bytes.resize(answer.code == 0 ? static_cast<std::size_t>(length) : 0);
-    return answer;
+/// By PKCS#1 v1.5 or ECDSA.
+inline int sign(const ZentokKeyPair& pair, std::size_t digestSize = 32, const char* pin = PIN) {
+    const Bytes digest = counted(digestSize);
+    Bytes signature(512);
+    int length = lengthOf(signature);
+    return zentok_signHash(SERIAL, pair.credentialId, pin, digest.data(), lengthOf(digest), signature.data(), &length,
+                           false, nullptr, false);
 }
 
 inline Answer decrypt(const ZentokKeyPair& pair, const Bytes& data, const char* pin = PIN) {
     return taken([&](auto** result, int* size) {
         return zentok_decrypt(SERIAL, pair.credentialId, pin, data.data(), lengthOf(data), result, size, true, nullptr);
-    });
-}
-
-inline Answer derive(const ZentokKeyPair& pair, const Bytes& peer) {
-    return taken([&](auto** result, int* length) {
-        return zentok_ecdhDerive(SERIAL, pair.credentialId, PIN, peer.data(), lengthOf(peer), result, length, nullptr);
     });
 }
 

@@ -38,27 +38,7 @@ TEST_F(SoftTokenTest, KeyPairsAreListedRenamedAndDeleted) {
     ASSERT_EQ(zentok_updateKeyPairDetails(SERIAL, made.credentialId, PIN, "a%b", nullptr, 0, nullptr), 0);
     EXPECT_STREQ(zentok_getKeyPairList(SERIAL, nullptr)[0].alias, "a%b");
     ASSERT_EQ(zentok_deleteKeyPair(SERIAL, made.credentialId, PIN, true, nullptr), 0);
-    EXPECT_EQ(sign(made, counted(32)).code, softtoken::RESULT_NO_OBJECT);
-}
-
-TEST_F(SoftTokenTest, CertificatesAreReadStoredAndFound) {
-    const ZentokKeyPair pair = newKey(KEY_TYPE_EC_P384);
-    publish(pair);
-    openssl("req -x509 -newkey rsa:2048 -nodes -keyout @ca.key -out @ca.pem -subj /C=IN/O=Halvane/CN=Root");
-    openssl("x509 -new -force_pubkey @token.pem -subj /CN=x -CA @ca.pem -CAkey @ca.key -outform DER -out @leaf.CRT");
-    const Bytes leaf = scratch.read("leaf.CRT");
-    CertificateDetails details;
-    ASSERT_EQ(zentok_getCertificateDetails(leaf.data(), lengthOf(leaf), details, nullptr), 0);
-    EXPECT_EQ(details.publicKey, publicKeyOf(pair)) << "a certificate finds its key by these bytes";
-    ZentokCertificate record = {};
-    std::copy(leaf.begin(), leaf.end(), record.certificate);
-    std::copy_n(pair.credentialId, sizeof pair.credentialId, record.credentialId);
-    record.certificateLength = lengthOf(leaf);
-    EXPECT_EQ(zentok_importCertificate(SERIAL, PIN, &record, nullptr), 0);
-    const ZentokCertificate* const found = zentok_findCertificateForKey(SERIAL, pair.credentialId, nullptr);
-    EXPECT_TRUE(found != nullptr && std::memcmp(found, &record, sizeof record) == 0);
-    const std::vector<std::pair<std::string, Bytes>> files = {{scratch.path() + "\\leaf.CRT", leaf}};
-    EXPECT_EQ(zentok_getFilesWithExtensionsAndConvertDER(scratch.path(), {".crt", ".key"}, nullptr), files);
+    EXPECT_EQ(sign(made), softtoken::RESULT_NO_OBJECT);
 }
 
 // What each file of the token takes with it when it is damaged: the token, the PIN, signatures, the list.
@@ -66,7 +46,7 @@ TEST_F(SoftTokenTest, ADamagedFileTakesItsObjectAndNothingElse) {
     const ZentokKeyPair pair = newKey(KEY_TYPE_EC_P256);
     const auto working = [&] {
         return std::string(zentok_initDevice(SERIAL, false, nullptr) == 0 ? "token " : "") +
-               (validate(PIN) == 0 ? "pin " : "") + (sign(pair, counted(32)).code == 0 ? "sign " : "") +
+               (validate(PIN) == 0 ? "pin " : "") + (sign(pair) == 0 ? "sign " : "") +
                (zentok_getKeyPairList(SERIAL, nullptr).empty() ? "" : "list");
     };
     const std::string key = "keys\\" + hexText(pair.credentialId) + ".txt";
