@@ -35,10 +35,10 @@ void expectNothingLost(const std::vector<Pair>& pairs) {
     }
 }
 
-/// Opens a provider and, unless there is no name, a key by it.
+/// Opens a provider and, unless there is no name, a key by it, which ends after its provider.
 Code openAndFree(const std::basic_string<WCHAR>& keyName) {
-    Owned<freeProvider> provider;
     KspKey key;
+    Owned<freeProvider> provider;
     const Code opened = code(table().OpenProvider(provider.out(), TEXT(""), 0));
     return opened != OK || keyName.empty()
                ? opened

@@ -2,7 +2,6 @@
 #include "tests/platform/ksp_test.h"
 
 #include <numeric>
-#include <optional>
 
 namespace test {
 namespace {
@@ -52,25 +51,6 @@ TEST_F(KspTest, SignaturesBothWays) {
                 signature = kind.isRsa() ? signature : rawEcSignature(signature, kind.signatureSize());
                 EXPECT_EQ(storage.verify(foreignKey, digest, signature, padding), OK);
             }
-        }
-    }
-}
-
-TEST_F(KspTest, ProvidersAndKeysOfTheSecondTokenEndInAnyOrder) {
-    const Token first;
-    const Token second;
-    const std::string keyText = second.addKey();
-    const Bytes digest = digestOf("SHA256", document());
-    for (const DWORD keySpec : {DWORD{0}, DWORD{AT_KEYEXCHANGE}, DWORD{AT_SIGNATURE}}) {
-        for (const bool keyEndsFirst : {true, false}) {
-            std::optional<KeyStorage> storage(std::in_place, nullptr);
-            std::optional<KspKey> key(storage->open(keyText, keySpec));
-            ASSERT_EQ(storage->logIn(PIN), OK);  // at the token that holds the key
-            EXPECT_EQ(storage->sign(*key, digest, BCRYPT_PAD_PKCS1).size(), 256U);
-            if (keyEndsFirst) {
-                key.reset();
-            }
-            storage.reset();
         }
     }
 }
