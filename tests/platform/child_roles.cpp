@@ -25,16 +25,20 @@ bool dialogIsOpen() {
     return FindWindowA(nullptr, "Verify User Password") != nullptr;
 }
 
-/// Frees the library while a thread waits for the user inside its first call, which has to come back all the same.
+/// Frees the library while a thread waits for the user inside its first call, and on until that call is over, which has
+/// to come back all the same.
 bool survivesFreeing(const std::function<bool(HMODULE provider)>& call) {
     const HMODULE provider = LoadLibraryA("ZentokCSP.dll");
-    std::atomic<bool> cameBack = false;
-    std::thread caller([&] { cameBack = call(provider); });
+    std::atomic<bool> cameBack = false, isOver = false;
+    std::thread caller([&] {
+        cameBack = call(provider);
+        isOver = true;
+    });
     const bool waits = comes(dialogIsOpen);
-    for (int surplus = 0; surplus < 100 && isLoaded(); ++surplus) {
+    const PasswordUser user({logIn(PIN)});
+    while (!isOver) {
         FreeLibrary(provider);
     }
-    const PasswordUser user({logIn(PIN)});
     caller.join();
     return waits && cameBack && isLoaded();
 }
