@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <memory>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -12,8 +11,7 @@
 
 #include <windows.h>
 
-#include "core/wide_text.h"
-#include "tests/support/scripted_token.h"
+#include "tests/support/guarded.h"
 
 namespace test {
 
@@ -65,45 +63,6 @@ private:
         return taken;
     }
     std::span<const unsigned char> rest;
-};
-
-/// Memory that ends where no access is allowed.
-class Guarded {
-public:
-    explicit Guarded(std::size_t size) : used(size) {
-        if (pool().empty()) {
-            pool().push_back(
-                static_cast<BYTE*>(VirtualAlloc(nullptr, ROOM + 1, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE)));
-            DWORD old = 0;
-            VirtualProtect(pool().back() + ROOM, 1, PAGE_NOACCESS, &old);
-        }
-        require(used <= ROOM && pool().back() != nullptr, "no memory for a guarded buffer");
-        block = pool().back();
-        pool().pop_back();
-        std::memset(data(), 0xA5, used);
-    }
-    explicit Guarded(std::span<const unsigned char> content) : Guarded(content.size()) {
-        std::copy(content.begin(), content.end(), data());
-    }
-    /// Text with its terminator.
-    explicit Guarded(const WideText& content)
-        : Guarded({reinterpret_cast<const unsigned char*>(content.c_str()), (content.size() + 1) * sizeof(WCHAR)}) {}
-    ~Guarded() { pool().push_back(block); }
-    Guarded(const Guarded&) = delete;
-    Guarded& operator=(const Guarded&) = delete;
-
-    BYTE* data() { return block + ROOM - used; }
-    DWORD size() const { return static_cast<DWORD>(used); }
-    WCHAR* text() { return reinterpret_cast<WCHAR*>(data()); }
-
-private:
-    static constexpr std::size_t ROOM = 0x20000;
-    static std::vector<BYTE*>& pool() {
-        static std::vector<BYTE*> blocks;
-        return blocks;
-    }
-    std::size_t used;
-    BYTE* block = nullptr;
 };
 
 /// True for a success of the CryptoAPI front; a failure has a code.

@@ -135,6 +135,14 @@ Answer lie(Input& in, const Operation& operation) {
 
 }  // namespace
 
+void forgetState() {
+    setProcessIv({});
+    g_useHardwareRng = 1;
+    const std::lock_guard lock(g_pinStatesLock);
+    g_pinStates.clear();
+    g_containerMap.clear();
+}
+
 void scriptLibrary(Input& in, bool lies) {
     token().reset();
     token().infos["T1"] = tokenInfo(in.flag() ? "1.1" : "1.2", 1, 1);  // signed on: no road ends at the dialog
@@ -166,13 +174,7 @@ Bytes certificate(Input& in) {
 
 World::World(Input& in, bool lies) {
     scriptLibrary(in, lies);
-    setProcessIv({});
-    g_useHardwareRng = 1;
-    {
-        const std::lock_guard lock(g_pinStatesLock);
-        g_pinStates.clear();
-        g_containerMap.clear();
-    }
+    forgetState();
     pinStateStore("T1", "1234");
     context.serial = provider.deviceName = "T1";
     context.initialized = context.silent = provider.initialized = true;

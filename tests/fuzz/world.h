@@ -11,6 +11,9 @@ namespace test {
 /// What a caller's data buffer holds at least: the scripted library never writes more plaintext.
 constexpr std::size_t LARGEST_PLAINTEXT = 64;
 
+/// Makes the provider's process-wide state that of a new process.
+void forgetState();
+
 /// The token library made fresh. `lies`: lists, records and answers are the fuzzer's; else they are true.
 void scriptLibrary(Input& in, bool lies);
 

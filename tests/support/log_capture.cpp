@@ -80,29 +80,4 @@ Lines logOf(const std::function<void()>& action) {
     return log;
 }
 
-void expectCall(const std::function<bool()>& call, const Expected& expected, const std::function<Lines()>& takeCalls) {
-    SCOPED_TRACE(expected.log + " with " + expected.calls);
-    takeCalls();
-    bool result = false;
-    DWORD lastError = 0;
-    const Lines log = logOf([&] {
-        SetLastError(UNTOUCHED);
-        result = call();
-        lastError = GetLastError();
-    });
-    EXPECT_EQ(result, expected.failure == 0);
-    if (expected.failure != 0 && expected.failure != ANY_CODE) {
-        EXPECT_EQ(lastError, expected.failure);
-    }
-    EXPECT_EQ(log, lines(expected.log));
-    const Lines expectedCalls = lines(expected.calls);
-    Lines calls = takeCalls();
-    for (std::size_t i = 0; i < std::min(calls.size(), expectedCalls.size()); ++i) {
-        if (expectedCalls[i].find('(') == std::string::npos) {
-            calls[i] = calls[i].substr(0, calls[i].find('('));
-        }
-    }
-    EXPECT_EQ(expected.calls == ANY_CALLS ? expectedCalls : calls, expectedCalls);
-}
-
 }  // namespace test

@@ -1,4 +1,4 @@
-// Reads what the provider writes to its log, and holds one call against everything that it must come to.
+// Reads what the provider writes to its log.
 #pragma once
 
 #include <functional>
@@ -26,19 +26,5 @@ std::string logFileText();
 
 /// The texts that `action` logs, those at error level with a "!" in front.
 Lines logOf(const std::function<void()>& action);
-
-constexpr DWORD UNTOUCHED = 0xDEADBEEF;  ///< the last error before a call
-constexpr DWORD ANY_CODE = 0xDEADC0DE;   ///< a failure whose code is left to the platform
-constexpr char ANY_CALLS[] = "*";        ///< whatever the library is asked
-
-/// What a call must come to, with "|" between lines.
-struct Expected {
-    DWORD failure;      ///< the last error of a call that fails, 0 for one that succeeds
-    std::string log;    ///< as logOf reads it
-    std::string calls;  ///< of the library: each the whole call or, when its arguments do not matter, its bare name
-};
-
-/// Runs `call` once and holds it against `expected`. `takeCalls` tells the library's calls since it last did.
-void expectCall(const std::function<bool()>& call, const Expected& expected, const std::function<Lines()>& takeCalls);
 
 }  // namespace test

@@ -4,7 +4,6 @@
 #include <filesystem>
 #include <regex>
 
-#include "cert/key_encoding.h"
 #include "core/container_map.h"
 #include "core/firmware_policy.h"
 #include "core/log.h"
@@ -129,15 +128,6 @@ TEST_F(CoreTest, LogLinesAndTheFirstOneLost) {
     char folder[LOG_PATH_SIZE] = {'x', 'x'};
     EXPECT_TRUE(getLogBaseFolderPath(folder) == -1 && folder[0] == '\0') << "gone";
     usePrivateTempFolder("zentok-unit-test");
-}
-
-TEST_F(CoreTest, TextAndNumbers) {
-    EXPECT_EQ(hex(hexToBytes("0x")) + hex(hexToBytes("0XF")) + hex(hexToBytes("1G")) + hex(hexToBytes("abc")),
-              "0F100ABC");
-    EXPECT_EQ(hex(intToBigEndianBytes(-1, 3)) + hex(intToBigEndianBytes(0x1020304, 2)), "0000000304");
-    EXPECT_EQ(hex(rsaPublicKeyBytesToSpki(Bytes{0x7F}, Bytes{0, 3})),
-              "301B300D06092A864886F70D0101010500030A00300702017F02020003");
-    EXPECT_TRUE(isDerPublicKey({}) && isDerPublicKey(Bytes{0x30}) && !isDerPublicKey(Bytes{0x2F, 0x30}));
 }
 
 }  // namespace

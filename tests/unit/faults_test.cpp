@@ -12,6 +12,8 @@
 #include "core/device_monitor.h"
 #include "core/pin_cache.h"
 #include "core/wide_text.h"
+#include "tests/fuzz/certificates.h"
+#include "tests/fuzz/world.h"
 #include "tests/unit/ksp_fixture.h"
 
 namespace {
@@ -45,7 +47,7 @@ const std::multimap<std::string, int> SPECIAL_RESULTS = {
 const std::set<std::string> TOKENLESS = {"init", "encrypt", "getCertificateDetails",
                                          "getFilesWithExtensionsAndConvertDER"};
 
-struct World;
+struct Caller;
 
 /// A caller's way through entry points.
 struct Road {
@@ -58,14 +60,12 @@ struct Road {
     /// Calls of the library that may fail while the road comes through; "unlogged": a failure has no line in the log;
     /// "final": a call that failed may fail again on the same objects.
     std::string allowed;
-    std::vector<bool (*)(World& w)> steps;
+    std::vector<bool (*)(Caller& w)> steps;
 };
 
 /// Forgets what callers leave in the process.
 void settle() {
-    const std::lock_guard lock(g_pinStatesLock);
-    g_pinStates.clear();
-    g_containerMap.clear();
+    forgetState();
     token().takeCalls();
 }
 
@@ -76,8 +76,8 @@ struct Handles {
 };
 
 /// One caller with objects of its own, logged in to the token, whose key AA has the container "box".
-struct World : Handles {
-    World() {
+struct Caller : Handles {
+    Caller() {
         settle();
         cachePin();
         writeContainerKeys("box", {AA});
@@ -90,7 +90,7 @@ struct World : Handles {
         provider.firmwareVersion = "2.0.0";
         provider.initialized = true;
     }
-    ~World() {
+    ~Caller() {
         for (const HCRYPTHASH each : {hash, copy}) {
             if (each != 0) {  // its running hash goes with it: no operation frees one
                 token().hashes.erase(recordOf<HASH_CONTEXT>(each)->tokenHash);
@@ -105,8 +105,8 @@ struct World : Handles {
                   0);
         EXPECT_TRUE(opened == 0 || KSPFreeProvider(opened) == 0);
     }
-    World(const World&) = delete;
-    World& operator=(const World&) = delete;
+    Caller(const Caller&) = delete;
+    Caller& operator=(const Caller&) = delete;
 
     /// Goes on from where an earlier walk failed. What the caller sees of the whole road, empty after a failure, which
     /// has a code and a line in the log and leaves what it gives out alone.
@@ -150,7 +150,7 @@ struct World : Handles {
     HMAC_INFO hmac = {CALG_SHA_256, nullptr, 0, nullptr, 0};
     NCryptKeyName* keyName = nullptr;
     void* keys = nullptr;
-    RimmedBuffer buffer{ROOM};
+    Guarded buffer{ROOM};
     BYTE* const out = buffer.data();
     DWORD length = 0;
     DWORD given = 0;
@@ -158,14 +158,14 @@ struct World : Handles {
     std::string seen;
 };
 
-#define CP(call) [](World& w) -> bool { return (call) != FALSE; }
-#define KSP(call) [](World& w) { return succeeds(call); }
+#define CP(call) [](Caller& w) -> bool { return (call) != FALSE; }
+#define KSP(call) [](Caller& w) { return succeeds(call); }
 #define OUTPUT w.out, ROOM, w.room()
 
 const Bytes PLAIN = blob({0x0208, 0x6610, 32}, filled(32)), KEY_DATA = blob({0x4D42444B, 1, 32}, filled(32));
 const Bytes SIMPLE = blob({0x0201, 0x6610, 0}, filled(12)), WRAPPED = blob({0x020B, 0x6610}, filled(16));
 const WCHAR *const CERTIFICATE = TEXT("SmartCardKeyCertificate"), *const PIN = TEXT("SmartCardPin");
-constexpr auto IMPORT = [](World& w, ULONG_PTR with, const WCHAR* type, const Bytes& data) {
+constexpr auto IMPORT = [](Caller& w, ULONG_PTR with, const WCHAR* type, const Bytes& data) {
     return KSPImportKey(w.ksp, with, type, nullptr, &w.kspKey, input(data), static_cast<DWORD>(data.size()), 0);
 };
 const auto SHA256 = CP(CPCreateHash(w.on, CALG_SHA_256, 0, 0, &w.hash));
@@ -175,6 +175,15 @@ const auto HMAC = CP(CPCreateHash(w.on, CALG_HMAC, w.aes, 0, &w.hash));
 const auto INNER = CP(CPSetHashParam(w.on, w.hash, HP_HMAC_INFO, reinterpret_cast<BYTE*>(&w.hmac), 0));
 const auto USER_KEY = CP(CPGetUserKey(w.on, AT_SIGNATURE, &w.key));
 const auto SIGN = CP(CPSignHash(w.on, w.hash, AT_SIGNATURE, nullptr, 0, w.out, w.room()));
+
+/// A copy, also of a hash that has signed, has the value and the key, and nothing that runs.
+const auto SAME_HASHES = [](Caller& w) {
+    const auto* const hash = recordOf<HASH_CONTEXT>(w.hash);
+    const auto* const copy = recordOf<HASH_CONTEXT>(w.copy);
+    return copy->finalized && copy->tokenHash == nullptr && copy->mechanism == hash->mechanism &&
+           copy->hashAlgorithm == hash->hashAlgorithm && keyText(copy->credentialId) == keyText(hash->credentialId) &&
+           std::equal(hash->hashValue, hash->hashValue + hash->hashLen, copy->hashValue);
+};
 
 // A device that does not open is tried again by the next acquire. What cannot be learnt of a certificate's issuers and
 // key pair leaves the import of the certificate itself a success. A lapsed sign-on (49) is renewed.
@@ -197,7 +206,8 @@ const Road ROADS[] = {
     Road("CertificateChain", "getCertificateList#1 findCertificateForKey#2 ",
          CP(CPGetProvParam(w.on, PP_CERTCHAIN, w.out, w.room(), 0))),
     Road("Hash", "", CP(CPCreateHash(w.on, CALG_SHA1, 0, 0, &w.copy)), SHA256, FEED, READ),
-    Road("Duplicate", "", SHA256, CP(CPDuplicateHash(w.on, w.hash, nullptr, 0, &w.copy))),
+    Road("Duplicate", "signHash#1:49 ", SHA256, SIGN, CP(CPDuplicateHash(w.on, w.hash, nullptr, 0, &w.copy)),
+         SAME_HASHES),
     Road("DeriveKey", "", SHA256, CP(CPDeriveKey(w.on, CALG_AES_256, w.hash, 0, &w.key))),
     // An inner hash that has ended does not end again.
     Road("Hmac", "final ", HMAC, INNER, FEED, READ),
@@ -261,8 +271,8 @@ protected:
         token().infos["T1"].firmwareVersion = "2.0.0";
         token().keyPairs["T1"] = {keyPair(0xAA, 3, 2, "", filled(256, 1)), keyPair(0xBB, 1, 5, "", filled(65, 4))};
         token().generatedKey = token().keyPairs["T1"][0];
-        token().certificates["T1"] = {certificate("Root", "Root")};
-        token().keyCertificate = certificate("Leaf", "Root");
+        token().certificates["T1"] = {certificate(CERTIFICATES[0])};
+        token().keyCertificate = certificate(CERTIFICATES[1]);
         token().certificateDetails.subject = token().certificateDetails.issuer = "CN=Root";
         token().certificateDetails.publicKey = filled(256, 1);
         token().certificateFiles = {{"root", {1}}};
@@ -277,7 +287,7 @@ protected:
     void TearDown() override { (token().holdPolls(false), stopDeviceMonitor(), ProviderTest::TearDown()); }
     /// The operations that a walk without any fault calls, in their order.
     Lines walkClean() {
-        clean = World().walk(road);
+        clean = Caller().walk(road);
         EXPECT_NE(clean, "");
         Lines operations = token().takeCalls();
         for (std::string& call : operations) {
@@ -292,7 +302,7 @@ protected:
         token().hashes.clear();
         const long before = g_liveBlocks;
         {
-            World w;
+            Caller w;
             std::map<std::string, int> count;
             bool maySucceed = true;
             token().fault = [&](const std::string& called, Answer& answer) {
@@ -314,7 +324,7 @@ protected:
         }
         // Nothing but its end frees a running hash: not asked for after a failed feed, and in vain when it fails.
         EXPECT_TRUE(!token().anyHashRuns() || pulled || operation == "updateHash" || operation == "finalHash");
-        EXPECT_EQ(World().walk(road), clean);
+        EXPECT_EQ(Caller().walk(road), clean);
         settle();
         token().hashes.clear();
         EXPECT_EQ(g_liveBlocks, before);
@@ -322,14 +332,14 @@ protected:
     }
     /// The nth call of the operation answers only after another caller has come through the whole road.
     void isLate(const std::string& operation, int nth) {
-        World w;
+        Caller w;
         int count = 0;
         std::future<std::string> other;
         token().fault = [&](const std::string& called, Answer& answer) {
             if (called == operation && ++count == nth) {
                 token().fault = nullptr;
                 answer.during = [&] {
-                    other = std::async(std::launch::async, [&] { return (token().testIsHere(), World().walk(road)); });
+                    other = std::async(std::launch::async, [&] { return (token().testIsHere(), Caller().walk(road)); });
                     if (other.wait_for(std::chrono::seconds(5)) != std::future_status::ready) {
                         ADD_FAILURE() << "the other one gets no further";
                         token().holdPolls(false);  // where it would wait from now on

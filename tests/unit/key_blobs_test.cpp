@@ -54,7 +54,6 @@ TEST_F(KeyBlobsTest, ImportChecks) {
     import(blob({0x0209, 0xA400}), BAD_TYPE, "!CPImportKey - Unsupported type : 9");
     import(blob({0x0201, 0x660E}), BAD_TYPE, "!SIMPLEBLOB requires public key handle");
     import(blob({0x0208, 0x660E}, {1}), BAD_DATA, "!CPImportKey: no key data in a blob of 9 bytes");
-    import(blob({0x0206, 0xA400}, {1}), BAD_DATA, "!CPImportKey PUBLICKEYBLOB: magic mismatch, actual=0x1");
     const Bytes plain = blob({0x0208, 0x660E, 16, 1});
     on = &UNINITIALISED;
     EXPECT_FALSE(CPImportKey(handleOf(on), plain.data(), 16, 0, 0, nullptr) || GetLastError() != BAD_UID);
@@ -66,7 +65,6 @@ TEST_F(KeyBlobsTest, ImportChecks) {
 TEST_F(KeyBlobsTest, ImportPublicKey) {
     const std::string mismatch = "!CPImportKey PUBLICKEYBLOB: size mismatch, cbDataLen=";
     import(blob({0x0206, 0xA400, 0x31415352, 3072, 65537}, Bytes(383)), BAD_DATA, mismatch + "403 required=404");
-    import(blob({0x0206, 0xA400, 0x31415352, 0xFFFFFFFF, 3}), BAD_DATA, mismatch + "20 required=536870931");
     import(blob({0x0206, 0xA400, 0x31415352, 2000, 65537}, Bytes(250)), BAD_DATA,
            "Public exponent : 010001|!Unsupported RSA key size");
     import(blob({0x0206, 0xA400, 0xABCDEF, 0}), BAD_DATA,
@@ -88,7 +86,6 @@ TEST_F(KeyBlobsTest, ImportSimpleBlob) {
     imports(0x6610, {{.result = 49}}, FAILED, again + "!SIMPLEBLOB decryption failed (both orderings)", both);
     imports(0x6601, {{.output = filled(8)}}, BAD_ALGID, "!Unsupported algorithm for SIMPLEBLOB: 26113", first);
     imports(0x6610, {{.output = filled(33)}}, BAD_DATA, "!CPImportKey: no AES key has 33 bytes", first);
-    imports(0x6610, {{.length = -1}}, DLL_FAIL, "!CPImportKey: the token library gave a key of -1 bytes", first);
 }
 
 TEST_F(KeyBlobsTest, ImportOntoToken) {
@@ -132,12 +129,6 @@ TEST_F(KeyBlobsTest, ImportOntoToken) {
     };
     EXPECT_TRUE(copied(unwraps({.output = aes}, 0, found + WRAPPED, "|" + stores(aes, 10)), 0x6601));
     unwraps({.result = 2}, BAD_KEY, searched + none);
-    unwraps({.length = -1}, DLL_FAIL, found + "!CPImportKey: the token library gave a key of -1 bytes");
-    unwraps({.output = filled(129)}, BAD_DATA, found + TOO_LONG + "129 bytes is too long");
-    record.keyLabelLength = 129;
-    unwraps({.output = aes}, DLL_FAIL,
-            found + "!CPImportKey: the token library gave AES key " + idText(0xBB) + " with keyLabelLength=129",
-            "|importAesKey");
     token().onResult("importAesKey", {9});
     unwraps({.output = aes}, BAD_TYPE, found + "!Import of unwrapped AES key failed", "|importAesKey");
     import(blob({0x0208, 0x660E, 0}, aes), BAD_TYPE, "!PLAINTEXTKEYBLOB import failed", "importAesKey");
@@ -145,7 +136,7 @@ TEST_F(KeyBlobsTest, ImportOntoToken) {
 
 TEST_F(KeyBlobsTest, Export) {
     const Bytes modulus = filled(64, 0x30);
-    RimmedBuffer buffer(84);
+    Guarded buffer(84);
     DWORD length = 0;
     const auto exports = [&](DWORD type, DWORD room) {
         length = room;
@@ -154,8 +145,6 @@ TEST_F(KeyBlobsTest, Export) {
     };
     EXPECT_EQ(exports(7, 0), DWORD{ERROR_ACCESS_DENIED});
     EXPECT_EQ(exports(1, 0), BAD_TYPE);
-    token().keyPairs["T1"] = {keyPair(0xBB, 1, 2)};
-    EXPECT_EQ(exports(6, 0), BAD_KEY);
     token().keyPairs["T1"] = {keyPair(0xAA, 1, 5, "", modulus)};
     EXPECT_EQ(exports(6, 0), BAD_TYPE) << "no RSA key";
     token().keyPairs["T1"] = {keyPair(0xBB, 1, 2), keyPair(0xAA, 1, 4, "", modulus)};
@@ -163,10 +152,6 @@ TEST_F(KeyBlobsTest, Export) {
     EXPECT_TRUE(exports(6, 0) == 0 && GetLastError() == ERROR_MORE_DATA && length == 84);
     EXPECT_EQ(exports(6, 84), 0U);
     EXPECT_EQ(buffer.first(84), blob({0x0206, 0xA400, 0x31415352, 512, 65537}, {modulus.rbegin(), modulus.rend()}));
-    for (const int lie : {-1, 1025}) {
-        token().keyPairs["T1"][1].publicKeyLength = lie;
-        EXPECT_EQ(exports(6, 0), DLL_FAIL);
-    }
 }
 
 }  // namespace

@@ -39,12 +39,6 @@ TEST_F(KspSignatureTest, Sign) {
         {2, 0, {{.result = 51}}, NOT_SUPPORTED, pkcs1 + "|!@: SHA1/MD5 signing blocked on FIPS 140-3 token", once},
         {2, 0, {lapsed, good}, 0, expired + success, twice},
         {2, 0, {lapsed}, INTERNAL_ERROR, expired + "|!KSP: Sign hash failed: 49", twice},
-        {2,
-         0,
-         {{.output = SIGNATURE, .length = 301}},
-         INTERNAL_ERROR,
-         pkcs1 + "|!@: the token library gave a signature of 301 bytes",
-         once},
         {7, PSS, {good}, NOT_SUPPORTED, "PSS|!@: PSS not supported on firmware 1.9.9", ""}};
     for (const auto& [keyType, flags, answers, failure, log, calls] : rows) {
         cachePin();
@@ -56,26 +50,15 @@ TEST_F(KspSignatureTest, Sign) {
         KSP_CALL(KSPSignHash(prov, handleOf(&key), nullptr, input(DIGEST), 32, buffer.data(), 300, &length, flags),
                  failure, KSP_CACHED + "|KSP: SignHash - padding=" + log, calls);
         EXPECT_EQ(length, failure == 0 ? 132 : UNTOUCHED);
-        EXPECT_TRUE(failure != 0 || buffer.first(132) == SIGNATURE) << "as the token has it";
     }
 }
 
-TEST_F(KspSignatureTest, VerifyRefusals) {
-    const auto verifies = [&](const Bytes& publicKey, DWORD flags, SECURITY_STATUS status, const std::string& log) {
-        const KSP_KEY key = keyObject(2, 1024, publicKey);
-        const auto verify = [&] {
-            EXPECT_EQ(
-                KSPVerifySignature(prov, handleOf(&key), nullptr, input(DIGEST), 32, input(SIGNATURE), 132, flags),
-                status);
-        };
-        EXPECT_EQ(logOf(verify).back(), log);
-    };
-    verifies({}, 0, NTE_BAD_KEY, "!KSP: No public key for verification");
-    token().onResult("verifySignatureHash", {49});
-    verifies(RAW, 0, NTE_BAD_SIGNATURE, "!KSP: Verify signature failed: 49");
-    provider.firmwareVersion = "1.9.9";  // with both paddings, verification takes PSS
-    verifies(RAW, PSS | NCRYPT_PAD_PKCS1_FLAG, NTE_NOT_SUPPORTED,
-             "!KSPVerifySignature: PSS not supported on firmware 1.9.9");
+TEST_F(KspSignatureTest, VerifyTakesPssForBothPaddings) {
+    const KSP_KEY key = keyObject(2, 1024, RAW);
+    provider.firmwareVersion = "1.9.9";
+    KSP_CALL(KSPVerifySignature(prov, handleOf(&key), nullptr, input(DIGEST), 32, input(SIGNATURE), 132,
+                                PSS | NCRYPT_PAD_PKCS1_FLAG),
+             NOT_SUPPORTED, "!@: PSS not supported on firmware 1.9.9");
 }
 
 const Entry ENCRYPT("KSPEncrypt"), DECRYPT("KSPDecrypt");
@@ -100,24 +83,21 @@ protected:
 
 TEST_F(KspCipherTest, Aes) {
     const std::string small = "|!@: symmetric output buffer too small, required=48";
-    const std::string lie = "|!@: the token library gave a result of -1 bytes", bytes = std::string(32, '7');
+    const std::string bytes(32, '7');
     KSP_KEY key;
     std::fill_n(key.symmetricKey, key.symmetricKeyLength = 16, static_cast<unsigned char>(0x77));
     pinStateClear("T1");
-    const auto both = [&](DWORD room, const Answer& answer, DWORD failure, DWORD size, const std::string& sealed,
-                          const std::string& opened) {
-        token().on("encrypt_aes", {answer});
-        token().on("decryptSymetric", {answer});
-        runs(KSPEncrypt, &key, room, 0, nullptr, failure, size, "KSP: Symmetric encrypt CBC mode" + sealed,
+    token().on("encrypt_aes", {{.output = OUTPUT}});
+    token().on("decryptSymetric", {{.output = OUTPUT}});
+    for (const auto& [room, failure] : {std::pair{DWORD{0}, DWORD{0}}, {DWORD{47}, TOO_SMALL}}) {
+        runs(KSPEncrypt, &key, room, 0, nullptr, failure, 48,
+             "KSP: Symmetric encrypt CBC mode" + (room != 0 ? small : ""),
              "encrypt_aes('T1', 1, " + bytes + ", " + hex(INPUT) + ", block, 0, null[0], null[0], null)");
-        runs(KSPDecrypt, &key, room, 0, nullptr, failure, size,
+        runs(KSPDecrypt, &key, room, 0, nullptr, failure, 48,
              NO_PADDING + "KSP: Symmetric decrypt CBC mode|KSP: Decrypt input iv : |KSP: Decrypt input key : " + bytes +
-                 opened,
+                 (room != 0 ? small : "|pbOutput == NULL "),
              "decryptSymetric('T1', " + hex(INPUT) + ", out[0], null[0], " + bytes + ", null)");
-    };
-    both(0, {.output = OUTPUT}, 0, 48, "", "|pbOutput == NULL ");
-    both(47, {.output = OUTPUT}, TOO_SMALL, 48, small, small);
-    both(300, {.length = -1}, INTERNAL_ERROR, UNTOUCHED, lie, lie);
+    }
 }
 
 TEST_F(KspCipherTest, RsaEncryptKeepsToTheRoom) {
@@ -179,13 +159,10 @@ TEST_F(KspSecretTest, Agreement) {
     const auto agree = [&](const KSP_KEY* privateKey) {
         return KSPSecretAgreement(prov, handleOf(privateKey), handleOf(&peer), &handle, 7);
     };
-    token().on("ecdhDerive", {{.output = filled(67, 9)}, {.output = {}}});
-    KSP_CALL(KSPSecretAgreement(prov, handleOf(&own), handleOf(&peer), &handle, 7), 0,
-             KSP_CACHED + "|@: ECDH shared secret computed, len=66",
-             "ecdhDerive('T1', " + AA + ", '1234', 040102, block, null)");
+    token().on("ecdhDerive", {{.output = filled(67, 9)}});
+    ASSERT_EQ(agree(&own), 0);
     EXPECT_EQ(recordOf<KSP_SECRET>(handle)->bytes().size(), 66U);
     EXPECT_EQ(KSPFreeSecret(0, std::exchange(handle, 0)), 0);
-    EXPECT_EQ(agree(&own), NTE_INTERNAL_ERROR) << "success without a value";
     peer.publicKey[0] = 2;
     EXPECT_EQ(agree(&own), NTE_BAD_KEY);
     provider.firmwareVersion = "1.9.9";
@@ -203,14 +180,12 @@ TEST_F(KspSecretTest, DerivationKeepsToTheBuffers) {
     };
     token().on("finalHash", {{.output = filled(48)}});
     for (const DWORD room : {0U, 16U, 49U}) {
-        RimmedBuffer key(room);
+        Guarded key(room);
         EXPECT_EQ(derive(key.data(), room), room != 0 ? 0 : NTE_BUFFER_TOO_SMALL);
         EXPECT_EQ(length, room == 16 ? 16U : 48U);
         EXPECT_EQ(key.first(std::min<DWORD>(room, 48)), filled(std::min<DWORD>(room, 48)));
     }
     EXPECT_EQ(token().takeCalls()[0], "initHash('T1', 4, null, null)");
-    token().on("finalHash", {{.length = 49}});
-    EXPECT_EQ(derive(buffer.data(), 300), NTE_INTERNAL_ERROR);
     provider.firmwareVersion = "";
     EXPECT_EQ(derive(buffer.data(), 300), NTE_NOT_SUPPORTED);
 }

@@ -56,7 +56,7 @@ protected:
     KSP_PROVIDER provider;
     const NCRYPT_PROV_HANDLE prov = handleOf(&provider);
     const KSP_PROVIDER unopened;
-    RimmedBuffer buffer{300};
+    Guarded buffer{300};
     DWORD length = UNTOUCHED;
 };
 

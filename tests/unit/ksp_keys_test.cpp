@@ -35,10 +35,6 @@ TEST_F(KspKeysTest, Open) {
     EXPECT_EQ(open(AA), 0);
     expectCopied(*recordOf<KSP_KEY>(handle), 0xAA, 2, 1, 2048);
     EXPECT_EQ(KSPFreeKey(0, handle), 0);
-    for (const int lie : {-1, 1025}) {
-        token().keyPairs["T1"][0].publicKeyLength = lie;
-        EXPECT_EQ(open(AA), NTE_INTERNAL_ERROR);
-    }
 }
 
 TEST_F(KspKeysTest, CreateAndFinalize) {
@@ -52,20 +48,9 @@ TEST_F(KspKeysTest, CreateAndFinalize) {
     const std::string log = KSP_CACHED + "|KSP: FinalizeKey - generating key, algorithm=2 bitSize=1500";
     const std::string call = "generateKeyPair('T1', '1234', 'all else zero', 1, 2, null)";
     token().takeCalls();
-    token().onResult("generateKeyPair", {-7, 0});
-    KSP_CALL(KSPFinalizeKey(prov, handle, 7), INTERNAL_ERROR, log + "|!KSP: Key generation failed: -7", call);
     KSP_CALL(KSPFinalizeKey(prov, handle, 7), 0, log + "|KSP: Key finalized successfully", call);
     expectCopied(*key, 0xCC, 2, 1, 1500);
     KSP_CALL(KSPFinalizeKey(prov, handle, 7), 0, "");
-}
-
-TEST_F(KspKeysTest, Delete) {
-    auto* key = new KSP_KEY(keyObject(2, 2048));
-    key->tokenFlag = true;
-    token().onResult("deleteKeyPair", {13, 0});
-    EXPECT_NE(KSPDeleteKey(prov, handleOf(key), 7), 0);
-    KSP_CALL(KSPDeleteKey(prov, handleOf(key), 7), 0, KSP_CACHED + "|KSP: Key deleted successfully",
-             "deleteKeyPair('T1', " + AA + ", '1234', 1, null)");
 }
 
 constexpr DWORD RSA1 = 0x31415352, KDBM = 0x4D42444B;
@@ -91,19 +76,13 @@ protected:
 };
 
 TEST_F(KspBlobsTest, BadBlobs) {
-    const auto *const rsa = TEXT("RSAPUBLICBLOB"), *const ecc = TEXT("ECCPUBLICBLOB"), *const aes = TEXT("KeyDataBlob");
-    const std::string tooSmall = "data too small for key material";
+    const WCHAR *const rsa = TEXT("RSAPUBLICBLOB"), *const ecc = TEXT("ECCPUBLICBLOB");
     const std::tuple<const WCHAR*, Bytes, std::string> rows[] = {
         {rsa, filled(23), "BCRYPT_RSAPUBLIC_BLOB data too small"},
-        {rsa, blob({RSA1, 1024, ~0U, 5, 0, 0}, filled(4)), "BCRYPT_RSAPUBLIC_BLOB " + tooSmall},
         {rsa, blob({RSA1, 1024, 0, 1025, 0, 0}, Bytes(1025)),
          "BCRYPT_RSAPUBLIC_BLOB modulus too large, cbModulus=1025"},
-        {ecc, filled(7), "BCRYPT_ECCPUBLIC_BLOB too small"},
-        {ecc, blob({1, 0x80000000}), "BCRYPT_ECCPUBLIC_BLOB " + tooSmall},
         {ecc, blob({0x31534345, 512}, Bytes(1024)), "BCRYPT_ECCPUBLIC_BLOB point too large, cbKey=512"},
-        {aes, filled(11), "BCRYPT_KEY_DATA_BLOB data too small for header"},
-        {aes, blob({KDBM, 1, ~0U}, filled(16)), "BCRYPT_KEY_DATA_BLOB " + tooSmall},
-        {TEXT("CAPIPUBLICBLOB"), filled(19), "LEGACY_RSAPUBLIC_BLOB data too small for header"},
+        {TEXT("KeyDataBlob"), blob({KDBM, 1, ~0U}, filled(16)), "BCRYPT_KEY_DATA_BLOB data too small for key material"},
         {TEXT("CAPIPUBLICBLOB"), blob({0, 0, RSA1, 16, 3}, {1}), "LEGACY_RSAPUBLIC_BLOB data too small for modulus"}};
     for (const auto& [type, data, log] : rows) {
         imports(type, data, BAD_DATA, "!@: " + log);

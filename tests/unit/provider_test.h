@@ -1,5 +1,5 @@
-// What the unit tests share: the provider's process-wide state made fresh, contexts without an acquire, and buffers
-// that show a write outside.
+// What the unit tests share: calls held against everything that they must come to, the provider's process-wide state
+// made fresh, and contexts without an acquire.
 #pragma once
 
 #include <functional>
@@ -10,12 +10,19 @@
 
 #include "capi/csp_context.h"
 #include "capi/csp_interface.h"
+#include "tests/support/guarded.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/scripted_token.h"
 
 namespace test {
 
-/// expectCall with the scripted library's calls, each row of a table being one call of this.
+constexpr DWORD UNTOUCHED = 0xDEADBEEF;  ///< the last error before a call
+constexpr DWORD ANY_CODE = 0xDEADC0DE;   ///< a failure whose code is left to the platform
+constexpr char ANY_CALLS[] = "*";        ///< whatever the library is asked
+
+/// Runs `call` once and holds it against what it must come to, with "|" between lines. `failure` is the last error of a
+/// call that fails, 0 for one that succeeds; `log` is as logOf reads it; `calls` are the library's, each the whole call
+/// or, when its arguments do not matter, its bare name.
 void expect(const std::function<bool()>& call, DWORD failure, const std::string& log, const std::string& calls = "");
 
 /// The same for an entry point, given by its name or a call of it: `log` is what follows the line with that name, which
@@ -79,8 +86,8 @@ void cachePin();                                                              //
 /// A record with something in every field that a key object copies, and an alias without a terminator.
 ZentokKeyPair fullRecord(unsigned char id, int usage, int type);
 
-/// A certificate as far as the platform parses it: its signature is none.
-ZentokCertificate certificate(const std::string& subject, const std::string& issuer);
+/// The library's record of a certificate, given as hexadecimal DER.
+ZentokCertificate certificate(const char* der);
 
 /// Every test starts as in a new process: an empty PIN cache, container map and registry, a scripted token without a
 /// script, log level 3. The registry is a private one below HKEY_CURRENT_USER, for this process alone.
@@ -94,24 +101,6 @@ protected:
 
     CSP_CONTEXT context = contextOn("T1");
     const HCRYPTPROV on = handleOf(&context);
-};
-
-/// A buffer between two rims that must stay as they are.
-class RimmedBuffer {
-public:
-    explicit RimmedBuffer(std::size_t size) : storage(RIM.size() + size + RIM.size(), RIM[0]) {}
-    ~RimmedBuffer() {
-        EXPECT_EQ(Bytes(storage.begin(), storage.begin() + 64), RIM) << "written in front of the buffer";
-        EXPECT_EQ(Bytes(storage.end() - 64, storage.end()), RIM) << "written behind the buffer";
-    }
-    RimmedBuffer(const RimmedBuffer&) = delete;
-    RimmedBuffer& operator=(const RimmedBuffer&) = delete;
-    BYTE* data() { return storage.data() + RIM.size(); }
-    Bytes first(std::size_t count) { return {data(), data() + count}; }
-
-private:
-    const Bytes RIM = Bytes(64, 0xA5);
-    Bytes storage;
 };
 
 }  // namespace test
