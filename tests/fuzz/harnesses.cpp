@@ -43,13 +43,9 @@ void useKey(World& world, HCRYPTKEY key, Input& in) {
     }
     world.keys.push_back(key);
     for (const DWORD param : {KP_ALGID, KP_PERMISSIONS, KP_BLOCKLEN, KP_MODE, KP_CERTIFICATE}) {
-        answers(in.number(), [&](BYTE* data, DWORD room, DWORD* size) {
-            return CAPI((*size = room, CPGetKeyParam(world.capi, key, param, data, size, 0)));
-        });
+        CAPI_ANSWERS(in, CPGetKeyParam(world.capi, key, param, out, size, 0));
     }
-    answers(in.number(), [&](BYTE* data, DWORD room, DWORD* size) {
-        return CAPI((*size = room, CPExportKey(world.capi, key, 0, PUBLICKEYBLOB, 0, data, size)));
-    });
+    CAPI_ANSWERS(in, CPExportKey(world.capi, key, 0, PUBLICKEYBLOB, 0, out, size));
     const Bytes text = in.bytes(600);
     for (const bool encrypts : {true, false}) {
         Guarded data(std::max<std::size_t>(text.size() + in.number(), LARGEST_PLAINTEXT));
@@ -67,27 +63,19 @@ void useKspKey(World& world, NCRYPT_KEY_HANDLE key, Input& in) {
     }
     world.kspKeys.push_back(key);
     for (const WCHAR* name : {PROPERTIES[0], PROPERTIES[1], PROPERTIES[2], PROPERTIES[3], PROPERTIES[11]}) {
-        answers(in.number(), [&](BYTE* out, DWORD room, DWORD* size) {
-            return ksp(KSPGetKeyProperty(world.cng, key, name, out, room, size, 0));
-        });
+        KSP_ANSWERS(in, KSPGetKeyProperty(world.cng, key, name, out, room, size, 0));
     }
     for (const WCHAR* type : {BLOB_TYPES[0], BLOB_TYPES[2], BLOB_TYPES[5]}) {
-        answers(in.number(), [&](BYTE* out, DWORD room, DWORD* size) {
-            return ksp(KSPExportKey(world.cng, key, 0, type, nullptr, out, room, size, 0));
-        });
+        KSP_ANSWERS(in, KSPExportKey(world.cng, key, 0, type, nullptr, out, room, size, 0));
     }
     Bytes text = in.bytes(600);
     text.resize(std::max<std::size_t>(text.size(), 16));  // a block: the library decrypts into as much as it gets
     Guarded data(text);
     for (const auto cipher : {KSPEncrypt, KSPDecrypt}) {
-        answers(in.number(), [&](BYTE* out, DWORD room, DWORD* size) {
-            return ksp(
-                cipher(world.cng, key, data.data(), data.size(), nullptr, out, room, size, NCRYPT_PAD_OAEP_FLAG));
-        });
+        KSP_ANSWERS(in,
+                    cipher(world.cng, key, data.data(), data.size(), nullptr, out, room, size, NCRYPT_PAD_OAEP_FLAG));
     }
-    answers(in.number(), [&](BYTE* out, DWORD room, DWORD* size) {
-        return ksp(KSPSignHash(world.cng, key, nullptr, data.data(), 16, out, room, size, 0));
-    });
+    KSP_ANSWERS(in, KSPSignHash(world.cng, key, nullptr, data.data(), 16, out, room, size, 0));
     ksp(KSPVerifySignature(world.cng, key, nullptr, data.data(), 16, data.data(), data.size(), 0));
 }
 
@@ -104,10 +92,7 @@ void importCapi(World& world, Input& in) {
     const HCRYPTKEY with = in.flag() ? in.one(world.keys) : 0;
     for (const Bytes& blob : given) {
         Guarded data(blob);
-        const auto import = [&](HCRYPTKEY* key) {
-            return CAPI(CPImportKey(world.capi, data.data(), data.size(), with, 0, key));
-        };
-        useKey(world, made(import), in);
+        useKey(world, CAPI_MADE(CPImportKey(world.capi, data.data(), data.size(), with, 0, handle)), in);
     }
 }
 
@@ -117,10 +102,9 @@ void importCng(World& world, Input& in) {
     const NCRYPT_KEY_HANDLE with = in.flag() ? in.one(world.kspKeys) : 0;
     for (const Bytes& blob : given) {
         Guarded data(blob);
-        const auto import = [&](NCRYPT_KEY_HANDLE* key) {
-            return ksp(KSPImportKey(world.cng, with, type.text(), nullptr, key, data.data(), data.size(), 0));
-        };
-        useKspKey(world, made(import), in);
+        useKspKey(world,
+                  KSP_MADE(KSPImportKey(world.cng, with, type.text(), nullptr, handle, data.data(), data.size(), 0)),
+                  in);
     }
 }
 
@@ -144,9 +128,7 @@ void providerParam(World& world, Input& in) {
     Guarded data(terminated(value));
     CAPI(CPSetProvParam(world.capi, param, data.data(), 0));
     const DWORD flags = in.number() % 3;
-    answers(in.number(), [&](BYTE* out, DWORD room, DWORD* size) {
-        return CAPI((*size = room, CPGetProvParam(world.capi, param, out, size, flags)));
-    });
+    CAPI_ANSWERS(in, CPGetProvParam(world.capi, param, out, size, flags));
 }
 
 void property(World& world, Input& in) {
@@ -156,15 +138,11 @@ void property(World& world, Input& in) {
     const WideView asked = name.text();
     const bool isText = asked == TEXT("SmartCardPin") || asked == TEXT("ChainingMode");  // read to their terminator
     Guarded data(isText ? terminated(value) : value);
-    const DWORD size = isText ? in.number() : data.size();
-    ksp(KSPSetKeyProperty(world.cng, key, name.text(), data.data(), size, 0));
-    ksp(KSPSetProviderProperty(world.cng, name.text(), data.data(), size, 0));
-    answers(in.number(), [&](BYTE* out, DWORD room, DWORD* told) {
-        return ksp(KSPGetKeyProperty(world.cng, key, name.text(), out, room, told, 0));
-    });
-    answers(in.number(), [&](BYTE* out, DWORD room, DWORD* told) {
-        return ksp(KSPGetProviderProperty(world.cng, name.text(), out, room, told, 0));
-    });
+    const DWORD told = isText ? in.number() : data.size();
+    ksp(KSPSetKeyProperty(world.cng, key, name.text(), data.data(), told, 0));
+    ksp(KSPSetProviderProperty(world.cng, name.text(), data.data(), told, 0));
+    KSP_ANSWERS(in, KSPGetKeyProperty(world.cng, key, name.text(), out, room, size, 0));
+    KSP_ANSWERS(in, KSPGetProviderProperty(world.cng, name.text(), out, room, size, 0));
 }
 
 // --- Key derivation ---
@@ -182,9 +160,7 @@ void deriveFrom(World& world, NCRYPT_SECRET_HANDLE secret, Input& in) {
     Guarded buffers({reinterpret_cast<const unsigned char*>(list.data()), list.size() * sizeof list[0]});
     NCryptBufferDesc parameters = {NCRYPTBUFFER_VERSION, static_cast<ULONG>(list.size()),
                                    reinterpret_cast<NCryptBuffer*>(buffers.data())};
-    answers(in.number(), [&](BYTE* out, DWORD room, DWORD* size) {
-        return ksp(KSPDeriveKey(world.cng, secret, kdf.text(), &parameters, out, room, size, 0));
-    });
+    KSP_ANSWERS(in, KSPDeriveKey(world.cng, secret, kdf.text(), &parameters, out, room, size, 0));
 }
 
 void derivation(World& world, Input& in) {
@@ -197,8 +173,7 @@ void derivation(World& world, Input& in) {
 void agreement(World& world, Input& in) {
     const NCRYPT_KEY_HANDLE own = in.one(world.kspKeys);
     const NCRYPT_KEY_HANDLE peer = in.one(world.kspKeys);
-    if (const auto secret = made(
-            [&](NCRYPT_SECRET_HANDLE* handle) { return ksp(KSPSecretAgreement(world.cng, own, peer, handle, 0)); })) {
+    if (const auto secret = KSP_MADE(KSPSecretAgreement(world.cng, own, peer, handle, 0))) {
         deriveFrom(world, secret, in);
         KSPFreeSecret(world.cng, secret);
     }
@@ -220,11 +195,9 @@ void container(World& world, Input& in) {
     HCRYPTPROV context = 0;
     if (CAPI(CPAcquireContext(&context, name.c_str(), flags, &table)) && context != 0) {
         for (const DWORD param : {PP_CONTAINER, PP_UNIQUE_CONTAINER, PP_ENUMCONTAINERS}) {
-            answers(in.number(), [&](BYTE* out, DWORD room, DWORD* size) {
-                return CAPI((*size = room, CPGetProvParam(context, param, out, size, CRYPT_FIRST)));
-            });
+            CAPI_ANSWERS(in, CPGetProvParam(context, param, out, size, CRYPT_FIRST));
         }
-        useKey(world, made([&](HCRYPTKEY* key) { return CAPI(CPGenKey(context, CALG_RSA_KEYX, 0, key)); }), in);
+        useKey(world, CAPI_MADE(CPGenKey(context, CALG_RSA_KEYX, 0, handle)), in);
         CPReleaseContext(context, 0);
     }
     RegDeleteTreeA(HKEY_CURRENT_USER, "SOFTWARE\\Zentok");
@@ -264,18 +237,16 @@ void importCertificate(World& world, Input& in) {
 
 void openKeys(World& world, Input& in) {
     const DWORD spec = in.number() % 3;
-    useKey(world, made([&](HCRYPTKEY* key) { return CAPI(CPGetUserKey(world.capi, spec, key)); }), in);
+    useKey(world, CAPI_MADE(CPGetUserKey(world.capi, spec, handle)), in);
     Guarded name(widened(in.flag() ? in.text() : idText(0xAA)));
-    useKspKey(world,
-              made([&](NCRYPT_KEY_HANDLE* key) { return ksp(KSPOpenKey(world.cng, key, name.text(), spec, 0)); }), in);
+    useKspKey(world, KSP_MADE(KSPOpenKey(world.cng, handle, name.text(), spec, 0)), in);
 }
 
 void generateKeys(World& world, Input& in) {
     const ALG_ID algorithm = in.one(ALGORITHMS);
-    useKey(world, made([&](HCRYPTKEY* key) { return CAPI(CPGenKey(world.capi, algorithm, 0, key)); }), in);
+    useKey(world, CAPI_MADE(CPGenKey(world.capi, algorithm, 0, handle)), in);
     const WCHAR* const name = in.one(CREATABLE);
-    const NCRYPT_KEY_HANDLE created =
-        made([&](NCRYPT_KEY_HANDLE* key) { return ksp(KSPCreatePersistedKey(world.cng, key, name, name, 0, 0)); });
+    const NCRYPT_KEY_HANDLE created = KSP_MADE(KSPCreatePersistedKey(world.cng, handle, name, name, 0, 0));
     ksp(KSPFinalizeKey(world.cng, created, 0));
     useKspKey(world, created, in);
 }
@@ -298,7 +269,7 @@ void hash(World& world, Input& in) {
     const ALG_ID algorithm = in.one(ALGORITHMS);
     const HCRYPTKEY key = in.one(world.keys);
     const auto keep = [&](HCRYPTHASH hash) { world.hashes.insert(world.hashes.end(), hash != 0, hash); };
-    keep(made([&](HCRYPTHASH* made) { return CAPI(CPCreateHash(world.capi, algorithm, key, 0, made)); }));
+    keep(CAPI_MADE(CPCreateHash(world.capi, algorithm, key, 0, handle)));
     while (!world.hashes.empty() && !in.ended()) {
         const HCRYPTHASH used = in.one(world.hashes);
         Guarded data(in.bytes(600));
@@ -317,26 +288,19 @@ void hash(World& world, Input& in) {
                 CAPI(CPSetHashParam(world.capi, used, HP_HASHVAL, digest.data(), 0));
                 break;
             case 3:
-                keep(made([&](HCRYPTHASH* copy) { return CAPI(CPDuplicateHash(world.capi, used, nullptr, 0, copy)); }));
+                keep(CAPI_MADE(CPDuplicateHash(world.capi, used, nullptr, 0, handle)));
                 break;
             case 4:
-                useKey(world, made([&](HCRYPTKEY* made) {
-                           return CAPI(CPDeriveKey(world.capi, info.HashAlgid, used, 0, made));
-                       }),
-                       in);
+                useKey(world, CAPI_MADE(CPDeriveKey(world.capi, info.HashAlgid, used, 0, handle)), in);
                 break;
             case 5:
                 CAPI(CPVerifySignature(world.capi, used, data.data(), data.size(), in.flag() ? key : 0, nullptr, 0));
                 break;
             case 6:
-                answers(in.number(), [&](BYTE* out, DWORD room, DWORD* size) {
-                    return CAPI((*size = room, CPSignHash(world.capi, used, param % 3, nullptr, 0, out, size)));
-                });
+                CAPI_ANSWERS(in, CPSignHash(world.capi, used, param % 3, nullptr, 0, out, size));
                 break;
             case 7:
-                answers(in.number(), [&](BYTE* out, DWORD room, DWORD* size) {
-                    return CAPI((*size = room, CPGetHashParam(world.capi, used, param, out, size, 0)));
-                });
+                CAPI_ANSWERS(in, CPGetHashParam(world.capi, used, param, out, size, 0));
                 break;
             default:
                 CAPI(CPGenRandom(world.capi, data.size(), data.data()));

@@ -88,11 +88,15 @@ ULONG_PTR made(Call call) {
     require(call(&handle) == (handle != 0), "a handle that does not agree with the result");
     return handle;
 }
+/// The same for a function of either front; where its argument is `handle`.
+#define CAPI_MADE(call) made([&](ULONG_PTR* handle) { return CAPI(call); })
+#define KSP_MADE(call) made([&](ULONG_PTR* handle) { return ksp(call); })
 
-/// A sized answer: how much is told, the answer into that much room, and then into `less` room. `call` takes the
-/// buffer, its size and where the answer's size goes, and returns whether it succeeded.
+/// A sized answer: how much is told, the answer into that much room, and then into as much less as the fuzzer says.
+/// `call` takes the buffer, its size and where the answer's size goes, and returns whether it succeeded.
 template <typename Call>
-void answers(std::size_t less, Call call) {
+void answers(Input& in, Call call) {
+    const unsigned less = in.number();
     DWORD told = 0;
     if (!call(nullptr, 0, &told) || told > 0x10000) {  // the property "Length" takes any number
         return;
@@ -104,5 +108,9 @@ void answers(std::size_t less, Call call) {
         require(!given || room < told || written <= told, "an answer larger than its size query told");
     }
 }
+/// The same for a function of either front; where its arguments are `out`, `room` and `size`.
+#define CAPI_ANSWERS(in, call) \
+    answers(in, [&](BYTE* out, DWORD room, DWORD* size) { return CAPI((*size = room, call)); })
+#define KSP_ANSWERS(in, call) answers(in, [&](BYTE* out, DWORD room, DWORD* size) { return ksp(call); })
 
 }  // namespace test

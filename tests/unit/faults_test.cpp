@@ -176,13 +176,14 @@ const auto INNER = CP(CPSetHashParam(w.on, w.hash, HP_HMAC_INFO, reinterpret_cas
 const auto USER_KEY = CP(CPGetUserKey(w.on, AT_SIGNATURE, &w.key));
 const auto SIGN = CP(CPSignHash(w.on, w.hash, AT_SIGNATURE, nullptr, 0, w.out, w.room()));
 
-/// A copy, also of a hash that has signed, has the value and the key, and nothing that runs.
-const auto SAME_HASHES = [](Caller& w) {
-    const auto* const hash = recordOf<HASH_CONTEXT>(w.hash);
-    const auto* const copy = recordOf<HASH_CONTEXT>(w.copy);
-    return copy->finalized && copy->tokenHash == nullptr && copy->mechanism == hash->mechanism &&
-           copy->hashAlgorithm == hash->hashAlgorithm && keyText(copy->credentialId) == keyText(hash->credentialId) &&
-           std::equal(hash->hashValue, hash->hashValue + hash->hashLen, copy->hashValue);
+/// A copy has the value and the key that the hash is bound to, and nothing that runs.
+const auto BIND = CP(recordOf<HASH_CONTEXT>(w.hash)->mechanism = recordOf<HASH_CONTEXT>(w.hash)->credentialId[15] = 4);
+const auto IS_COPY = [](Caller& w) {
+    const auto& hash = *recordOf<HASH_CONTEXT>(w.hash);
+    const auto& copy = *recordOf<HASH_CONTEXT>(w.copy);
+    return copy.finalized && copy.tokenHash == nullptr && copy.mechanism == 4 && copy.credentialId[15] == 4 &&
+           copy.hashAlgorithm == 3 && copy.hashLen == 32 &&
+           std::equal(hash.hashValue, hash.hashValue + 32, copy.hashValue);
 };
 
 // A device that does not open is tried again by the next acquire. What cannot be learnt of a certificate's issuers and
@@ -206,8 +207,7 @@ const Road ROADS[] = {
     Road("CertificateChain", "getCertificateList#1 findCertificateForKey#2 ",
          CP(CPGetProvParam(w.on, PP_CERTCHAIN, w.out, w.room(), 0))),
     Road("Hash", "", CP(CPCreateHash(w.on, CALG_SHA1, 0, 0, &w.copy)), SHA256, FEED, READ),
-    Road("Duplicate", "signHash#1:49 ", SHA256, SIGN, CP(CPDuplicateHash(w.on, w.hash, nullptr, 0, &w.copy)),
-         SAME_HASHES),
+    Road("Duplicate", "", SHA256, BIND, CP(CPDuplicateHash(w.on, w.hash, nullptr, 0, &w.copy)), IS_COPY),
     Road("DeriveKey", "", SHA256, CP(CPDeriveKey(w.on, CALG_AES_256, w.hash, 0, &w.key))),
     // An inner hash that has ended does not end again.
     Road("Hmac", "final ", HMAC, INNER, FEED, READ),

@@ -112,23 +112,19 @@ TEST_F(KeyBlobsTest, ImportOntoToken) {
     const std::string log = "SYMMETRICWRAPKEYBLOB: wrapped key length = 3|";
     const std::string none = "!Failed to unwrap SYMMETRICWRAPKEYBLOB with any available KEK";
     const std::string list = "getAesKeyList('T1', null)";
-    const std::string tries = "|decrypt_aes|decrypt_aes('T1', 0908, 010203, block, 1, null[0], null)";
+    const std::string tries = "|decrypt_aes|decrypt_aes('T1', 0900, 010203, block, 1, null[0], null)";
     import(wrapped, BAD_KEY, log + none, list);
-    std::vector<ZentokSymmetricKey>& keys = token().aesKeys["T1"] = {4, kek};
-    keys[1].keyType = 11;
-    keys[2].keyValueLength = 129;
-    keys[3].keyType = 10;
-    keys[3].keyValue[0] = 9;
-    keys[3].keyValue[1] = 8;
-    const std::string searched = log + "!The token library gave AES key " + idText(0) + " with keyValueLength=129|";
-    const std::string found = searched + "Successfully unwrapped key with KEK: " + idText(0) + "|";
+    std::vector<ZentokSymmetricKey>& keys = token().aesKeys["T1"] = {3, kek};
+    keys[0].keyType = 11;
+    keys[2].keyType = 10;
+    keys[2].keyValue[0] = 9;
+    const std::string found = log + "Successfully unwrapped key with KEK: " + idText(0) + "|";
     const auto unwraps = [&](const Answer& answer, DWORD failure, const std::string& end,
                              const std::string& call = "") {
         token().on("decrypt_aes", {{.result = 1}, answer});
         return import(wrapped, failure, end, list + tries + call);
     };
     EXPECT_TRUE(copied(unwraps({.output = aes}, 0, found + WRAPPED, "|" + stores(aes, 10)), 0x6601));
-    unwraps({.result = 2}, BAD_KEY, searched + none);
     token().onResult("importAesKey", {9});
     unwraps({.output = aes}, BAD_TYPE, found + "!Import of unwrapped AES key failed", "|importAesKey");
     import(blob({0x0208, 0x660E, 0}, aes), BAD_TYPE, "!PLAINTEXTKEYBLOB import failed", "importAesKey");
