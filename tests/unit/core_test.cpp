@@ -15,25 +15,6 @@ namespace {
 
 using CoreTest = ProviderTest;
 
-TEST_F(CoreTest, ContainerResolution) {
-    token().keyPairs["T1"] = {keyPair(0xAA, 1, 2), keyPair(0xA2, 1, 2, "shared")};
-    token().keyPairs["T2"] = {keyPair(0xBB, 1, 2, "second key"), keyPair(0xB2, 1, 2, "shared")};
-    const auto resolves = [](const char* devices, const std::string& name, const std::string& byContainer,
-                             const std::string& byKey, std::size_t calls) {
-        token().setDevices(lines(devices));
-        EXPECT_EQ(resolveContainerDevice(name), byContainer) << name;
-        token().takeCalls();
-        EXPECT_EQ(resolveKeyDevice(std::basic_string<WCHAR>(name.begin(), name.end())), byKey) << name;
-        EXPECT_EQ(token().takeCalls().size(), calls) << name;
-    };
-    resolves("", std::string(32, 'B'), "", "", 1);
-    resolves("T2|T1", "", "T2", "T2", 1);
-    resolves("T1|T2", std::string(32, 'b'), "T2", "T2", 3);
-    resolves("T1|T2", std::string(31, 'B'), "T1", "T1", 3);
-    resolves("T1|T2", "SECOND KEY", "T1", "T2", 3);
-    resolves("T2|T1", "Shared", "T2", "T2", 2);
-}
-
 TEST_F(CoreTest, ContainerEntries) {
     std::string full;  // as much as is read
     while (full.size() < 1024) {

@@ -22,7 +22,9 @@ inline bool succeeds(SECURITY_STATUS status) {
 }
 
 /// CALL for a function that gives a status.
-#define KSP_CALL(call, ...) Entry(#call)([&] { return succeeds(call); }, __VA_ARGS__)
+#define KSP_CALL(call, ...) \
+    expectEntry(            \
+        #call, [&] { return succeeds(call); }, __VA_ARGS__)
 inline BYTE* input(const Bytes& bytes) {
     return const_cast<BYTE*>(bytes.data());
 }

@@ -75,8 +75,9 @@ void expect(const std::function<bool()>& call, DWORD failure, const std::string&
     EXPECT_EQ(calls == ANY_CALLS ? expected : made, expected);
 }
 
-void Entry::operator()(const std::function<bool()>& call, DWORD failure, const std::string& log,
-                       const std::string& calls) const {
+void expectEntry(const std::string& entry, const std::function<bool()>& call, DWORD failure, const std::string& log,
+                 const std::string& calls) {
+    const std::string name = entry.substr(0, entry.find('('));
     std::string text = name + (log.empty() ? "" : "|" + log);
     for (std::size_t at = 0; (at = text.find('@', at)) != std::string::npos;) {
         text.replace(at, 1, name);

@@ -27,16 +27,11 @@ void expect(const std::function<bool()>& call, DWORD failure, const std::string&
 
 /// The same for an entry point, given by its name or a call of it: `log` is what follows the line with that name, which
 /// "@" stands for in it.
-class Entry {
-public:
-    explicit Entry(const std::string& call) : name(call.substr(0, call.find('('))) {}
-    void operator()(const std::function<bool()>& call, DWORD failure, const std::string& log,
-                    const std::string& calls = "") const;
-
-private:
-    std::string name;
-};
-#define CALL(call, ...) Entry(#call)([&] { return (call) != 0; }, __VA_ARGS__)
+void expectEntry(const std::string& entry, const std::function<bool()>& call, DWORD failure, const std::string& log,
+                 const std::string& calls = "");
+#define CALL(call, ...) \
+    expectEntry(        \
+        #call, [&] { return (call) != 0; }, __VA_ARGS__)
 
 // The platform's codes as a last error.
 constexpr DWORD lastError(long code) {
