@@ -2,7 +2,6 @@
 #include <algorithm>
 
 #include "cert/certificate_import.h"
-#include "cert/key_encoding.h"
 #include "cert/pkcs7_chain.h"
 #include "cert/utils.h"
 #include "tests/fuzz/certificates.h"

@@ -2,7 +2,6 @@
 #include <memory>
 
 #include "capi/user_keys.h"
-#include "cert/key_encoding.h"
 #include "tests/unit/provider_test.h"
 
 namespace test {

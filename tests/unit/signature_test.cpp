@@ -2,7 +2,6 @@
 
 #include "capi/hash.h"
 #include "capi/user_keys.h"
-#include "cert/public_key.h"
 #include "core/container_map.h"
 #include "tests/support/password_user.h"
 #include "tests/unit/provider_test.h"
@@ -13,8 +12,8 @@ namespace {
 #define SIGN(...) expectEntry("CPSignHash", __VA_ARGS__)
 #define VERIFY(...) expectEntry("CPVerifySignature", __VA_ARGS__)
 const std::string KEYS = "getKeyPairList('T1', null)", A2 = idText(0xA2);
-const Bytes DIGEST = filled(32, 0x10), OUTER = filled(32, 0x90), RAW_KEY = filled(64, 0x20), DER_KEY = filled(64, 0x30);
-const Bytes SIGNATURE = filled(132, 1), REVERSED(SIGNATURE.rbegin(), SIGNATURE.rend());
+const Bytes DIGEST = filled(32, 0x10), OUTER = filled(32, 0x90), RAW_KEY = filled(64, 0x20);
+const Bytes SIGNATURE = filled(132, 1);
 
 /// The library's call.
 std::string verification(int type, const std::string& publicKey, const Bytes& signature) {
