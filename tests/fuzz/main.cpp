@@ -56,17 +56,28 @@ int run(const unsigned char* data, std::size_t size) {
     return 0;
 }
 
-/// Shows where: the stack of the platform's exceptions cannot be unwound. libFuzzer saves the input of what ends with
-/// an abort.
+/// Shows where, along the frame pointers: the stack of the platform's exceptions cannot be unwound. libFuzzer saves the
+/// input of what ends with an abort.
 LONG WINAPI onFault(EXCEPTION_POINTERS* fault) {
     const EXCEPTION_RECORD& record = *fault->ExceptionRecord;
     if (record.ExceptionCode != EXCEPTION_ACCESS_VIOLATION) {
         return EXCEPTION_CONTINUE_SEARCH;
     }
-    char place[1024] = {};
-    __sanitizer_symbolize_pc(record.ExceptionAddress, "%f %S", place, sizeof place);
-    std::fprintf(stderr, "%s: access to %llx in %s\n", g_harness->name,
-                 static_cast<unsigned long long>(record.ExceptionInformation[1]), place);
+    std::fprintf(stderr, "%s: access %s %llx\n", g_harness->name, record.ExceptionInformation[0] != 0 ? "to" : "from",
+                 static_cast<unsigned long long>(record.ExceptionInformation[1]));
+    DWORD64 at = fault->ContextRecord->Rip;
+    DWORD64 frame[2] = {fault->ContextRecord->Rbp, 0};
+    for (int depth = 0; depth < 12; ++depth) {
+        char text[1024] = {};
+        __sanitizer_symbolize_pc(reinterpret_cast<void*>(at), "    %f %S", text, sizeof text);
+        std::fprintf(stderr, "%s\n", text);
+        SIZE_T read = 0;
+        if (ReadProcessMemory(GetCurrentProcess(), reinterpret_cast<void*>(frame[0]), frame, sizeof frame, &read) ==
+            FALSE) {
+            break;
+        }
+        at = frame[1];
+    }
     std::abort();
 }
 
