@@ -1,6 +1,5 @@
 #include "tests/fuzz/harnesses.h"
 
-#include "cert/pkcs7_chain.h"
 #include "cng/functions.h"
 #include "cng/secret.h"
 #include "tests/fuzz/world.h"
@@ -20,9 +19,12 @@ constexpr const WCHAR* PROPERTIES[] = {
     TEXT("Impl Type"),   TEXT("Version"),        TEXT("Max Name Length"), TEXT("Security Descr Support"),
     TEXT("HWND Handle"), TEXT("SmartCardPin"),   TEXT("ChainingMode"),    TEXT("IV"),
 };
-constexpr DWORD KEY_PARAMS[] = {KP_IV,    KP_PADDING,     KP_MODE,     KP_PERMISSIONS,
-                                KP_ALGID, KP_CERTIFICATE, KP_BLOCKLEN, KP_SALT};
+constexpr DWORD KEY_PARAMS[] = {KP_IV,          KP_PADDING,  KP_MODE, KP_PERMISSIONS, KP_ALGID,
+                                KP_CERTIFICATE, KP_BLOCKLEN, KP_SALT, KP_KEYLEN};
 constexpr DWORD SETTABLE_PARAMS[] = {PP_CLIENT_HWND, PP_KEYEXCHANGE_PIN, PP_USE_HARDWARE_RNG, PP_CERTCHAIN};
+constexpr DWORD ASKING_PARAMS[] = {PP_NAME,      PP_ENUMCONTAINERS,     PP_KEYSET_SEC_DESCR, PP_CERTCHAIN,
+                                   PP_ADMIN_PIN, PP_KEYEXCHANGE_PIN,    PP_SIGNATURE_PIN,    PP_USE_HARDWARE_RNG,
+                                   PP_KEYSPEC,   PP_ENUMEX_SIGNING_PROT};
 constexpr DWORD HASH_PARAMS[] = {HP_ALGID, HP_HASHVAL, HP_HASHSIZE, HP_HMAC_INFO};
 constexpr const WCHAR* HASHES[] = {TEXT("SHA1"), TEXT("SHA224"), TEXT("SHA384"), TEXT("SHA512"), TEXT("SHA256")};
 constexpr const WCHAR* CREATABLE[] = {TEXT("RSA"), TEXT("ECDSA_P256"), TEXT("ECDH_P521")};
@@ -36,6 +38,11 @@ Bytes terminated(Bytes bytes) {
     return bytes;
 }
 
+void readProviderParam(HCRYPTPROV context, DWORD param, DWORD flags, Input& in) {
+    const bool asks = std::ranges::count(ASKING_PARAMS, param) != 0;
+    ANSWERS(asks ? SIZE_MAX : 0, CAPI(CPGetProvParam(context, param, out, size, flags)));
+}
+
 /// What a client does with a key that it made, which then is one of the world's.
 void useKey(World& world, HCRYPTKEY key, Input& in) {
     if (key == 0) {
@@ -43,9 +50,9 @@ void useKey(World& world, HCRYPTKEY key, Input& in) {
     }
     world.keys.push_back(key);
     for (const DWORD param : {KP_ALGID, KP_PERMISSIONS, KP_BLOCKLEN, KP_MODE, KP_CERTIFICATE}) {
-        CAPI_ANSWERS(in, CPGetKeyParam(world.capi, key, param, out, size, 0));
+        ANSWERS(param == KP_MODE ? 0 : 1, CAPI(CPGetKeyParam(world.capi, key, param, out, size, 0)));
     }
-    CAPI_ANSWERS(in, CPExportKey(world.capi, key, 0, PUBLICKEYBLOB, 0, out, size));
+    ANSWERS(0, CAPI(CPExportKey(world.capi, key, 0, PUBLICKEYBLOB, 0, out, size)));
     const Bytes text = in.bytes(600);
     for (const bool encrypts : {true, false}) {
         Guarded data(std::max<std::size_t>(text.size() + in.number(), LARGEST_PLAINTEXT));
@@ -57,26 +64,40 @@ void useKey(World& world, HCRYPTKEY key, Input& in) {
     }
 }
 
+void compute(World& world, NCRYPT_KEY_HANDLE key, Input& in, void* padding, DWORD cipherFlags, DWORD signFlags) {
+    Bytes text = in.bytes(600);
+    text.resize(std::max<std::size_t>(text.size(), 16));  // a block: the library decrypts into as much as it gets
+    Guarded data(text);
+    for (const auto cipher : {KSPEncrypt, KSPDecrypt}) {
+        ANSWERS(0, ksp(cipher(world.cng, key, data.data(), data.size(), padding, out, room, size, cipherFlags)));
+    }
+    ANSWERS(0, ksp(KSPSignHash(world.cng, key, padding, data.data(), 16, out, room, size, signFlags)));
+    ksp(KSPVerifySignature(world.cng, key, padding, data.data(), 16, data.data(), data.size(), signFlags));
+}
+
 void useKspKey(World& world, NCRYPT_KEY_HANDLE key, Input& in) {
     if (key == 0) {
         return;
     }
     world.kspKeys.push_back(key);
     for (const WCHAR* name : {PROPERTIES[0], PROPERTIES[1], PROPERTIES[2], PROPERTIES[3], PROPERTIES[11]}) {
-        KSP_ANSWERS(in, KSPGetKeyProperty(world.cng, key, name, out, room, size, 0));
+        ANSWERS(0, ksp(KSPGetKeyProperty(world.cng, key, name, out, room, size, 0)));
     }
     for (const WCHAR* type : {BLOB_TYPES[0], BLOB_TYPES[2], BLOB_TYPES[5]}) {
-        KSP_ANSWERS(in, KSPExportKey(world.cng, key, 0, type, nullptr, out, room, size, 0));
+        ANSWERS(0, ksp(KSPExportKey(world.cng, key, 0, type, nullptr, out, room, size, 0)));
     }
-    Bytes text = in.bytes(600);
-    text.resize(std::max<std::size_t>(text.size(), 16));  // a block: the library decrypts into as much as it gets
-    Guarded data(text);
-    for (const auto cipher : {KSPEncrypt, KSPDecrypt}) {
-        KSP_ANSWERS(in,
-                    cipher(world.cng, key, data.data(), data.size(), nullptr, out, room, size, NCRYPT_PAD_OAEP_FLAG));
-    }
-    KSP_ANSWERS(in, KSPSignHash(world.cng, key, nullptr, data.data(), 16, out, room, size, 0));
-    ksp(KSPVerifySignature(world.cng, key, nullptr, data.data(), 16, data.data(), data.size(), 0));
+    compute(world, key, in, nullptr, NCRYPT_PAD_OAEP_FLAG, 0);
+}
+
+void usePadding(World& world, Input& in) {
+    const NCRYPT_KEY_HANDLE key = in.one(world.kspKeys);
+    const DWORD flags = in.number();
+    Guarded name(in.flag() ? widened(in.text()) : WideText(in.one(HASHES)));
+    const BCRYPT_OAEP_PADDING_INFO oaep = {in.number() == 1 ? nullptr : name.text(), nullptr, in.number<ULONG>()};
+    static_assert(offsetof(BCRYPT_OAEP_PADDING_INFO, pbLabel) == offsetof(BCRYPT_PSS_PADDING_INFO, cbSalt));
+    const std::size_t size = (flags & BCRYPT_PAD_PSS) != 0 ? sizeof(BCRYPT_PSS_PADDING_INFO) : sizeof oaep;
+    Guarded info({reinterpret_cast<const unsigned char*>(&oaep), size});
+    compute(world, key, in, info.data(), flags, flags);
 }
 
 // --- Blobs ---
@@ -117,6 +138,9 @@ void keyParam(World& world, Input& in) {
     value.resize(param == KP_CERTIFICATE ? value.size() : 16);  // all others have a size that both sides know
     Guarded data(value);
     CAPI(CPSetKeyParam(world.capi, key, param, data.data(), 0));
+    for (const DWORD readable : KEY_PARAMS) {
+        ANSWERS(readable == KP_MODE ? 0 : 1, CAPI(CPGetKeyParam(world.capi, key, readable, out, size, 0)));
+    }
 }
 
 void providerParam(World& world, Input& in) {
@@ -128,7 +152,7 @@ void providerParam(World& world, Input& in) {
     Guarded data(terminated(value));
     CAPI(CPSetProvParam(world.capi, param, data.data(), 0));
     const DWORD flags = in.number() % 3;
-    CAPI_ANSWERS(in, CPGetProvParam(world.capi, param, out, size, flags));
+    readProviderParam(world.capi, param, flags, in);
 }
 
 void property(World& world, Input& in) {
@@ -138,11 +162,11 @@ void property(World& world, Input& in) {
     const WideView asked = name.text();
     const bool isText = asked == TEXT("SmartCardPin") || asked == TEXT("ChainingMode");  // read to their terminator
     Guarded data(isText ? terminated(value) : value);
-    const DWORD told = isText ? in.number() : data.size();
-    ksp(KSPSetKeyProperty(world.cng, key, name.text(), data.data(), told, 0));
-    ksp(KSPSetProviderProperty(world.cng, name.text(), data.data(), told, 0));
-    KSP_ANSWERS(in, KSPGetKeyProperty(world.cng, key, name.text(), out, room, size, 0));
-    KSP_ANSWERS(in, KSPGetProviderProperty(world.cng, name.text(), out, room, size, 0));
+    const DWORD given = isText ? in.number() : data.size();
+    ksp(KSPSetKeyProperty(world.cng, key, name.text(), data.data(), given, 0));
+    ksp(KSPSetProviderProperty(world.cng, name.text(), data.data(), given, 0));
+    ANSWERS(0, ksp(KSPGetKeyProperty(world.cng, key, name.text(), out, room, size, 0)));
+    ANSWERS(0, ksp(KSPGetProviderProperty(world.cng, name.text(), out, room, size, 0)));
 }
 
 // --- Key derivation ---
@@ -160,7 +184,7 @@ void deriveFrom(World& world, NCRYPT_SECRET_HANDLE secret, Input& in) {
     Guarded buffers({reinterpret_cast<const unsigned char*>(list.data()), list.size() * sizeof list[0]});
     NCryptBufferDesc parameters = {NCRYPTBUFFER_VERSION, static_cast<ULONG>(list.size()),
                                    reinterpret_cast<NCryptBuffer*>(buffers.data())};
-    KSP_ANSWERS(in, KSPDeriveKey(world.cng, secret, kdf.text(), &parameters, out, room, size, 0));
+    ANSWERS(0, ksp(KSPDeriveKey(world.cng, secret, kdf.text(), &parameters, out, room, size, 0)));
 }
 
 void derivation(World& world, Input& in) {
@@ -195,7 +219,7 @@ void container(World& world, Input& in) {
     HCRYPTPROV context = 0;
     if (CAPI(CPAcquireContext(&context, name.c_str(), flags, &table)) && context != 0) {
         for (const DWORD param : {PP_CONTAINER, PP_UNIQUE_CONTAINER, PP_ENUMCONTAINERS}) {
-            CAPI_ANSWERS(in, CPGetProvParam(context, param, out, size, CRYPT_FIRST));
+            readProviderParam(context, param, CRYPT_FIRST, in);
         }
         useKey(world, CAPI_MADE(CPGenKey(context, CALG_RSA_KEYX, 0, handle)), in);
         CPReleaseContext(context, 0);
@@ -251,6 +275,13 @@ void generateKeys(World& world, Input& in) {
     useKspKey(world, created, in);
 }
 
+/// The provider as the token says that it is.
+void reopen(World& world, Input& /*in*/) {
+    const auto opened = made([](NCRYPT_PROV_HANDLE* handle) { return ksp(KSPOpenProvider(handle, nullptr, 0)); });
+    world.provider = *reinterpret_cast<const KSP_PROVIDER*>(opened);
+    ksp(KSPFreeProvider(opened));
+}
+
 void enumerate(World& world, Input& in) {
     PVOID state = nullptr;
     NCryptKeyName* item = nullptr;
@@ -297,10 +328,10 @@ void hash(World& world, Input& in) {
                 CAPI(CPVerifySignature(world.capi, used, data.data(), data.size(), in.flag() ? key : 0, nullptr, 0));
                 break;
             case 6:
-                CAPI_ANSWERS(in, CPSignHash(world.capi, used, param % 3, nullptr, 0, out, size));
+                ANSWERS(0, CAPI(CPSignHash(world.capi, used, param % 3, nullptr, 0, out, size)));
                 break;
             case 7:
-                CAPI_ANSWERS(in, CPGetHashParam(world.capi, used, param, out, size, 0));
+                ANSWERS(0, CAPI(CPGetHashParam(world.capi, used, param, out, size, 0)));
                 break;
             default:
                 CAPI(CPGenRandom(world.capi, data.size(), data.data()));
@@ -311,8 +342,9 @@ void hash(World& world, Input& in) {
 
 /// A client's whole session, one call after the other.
 void session(World& world, Input& in) {
-    constexpr void (*STEPS[])(World&, Input&) = {openKeys,   generateKeys, enumerate, hash,     agreement,
-                                                 importCapi, importCng,    property,  keyParam, providerParam};
+    constexpr void (*STEPS[])(World&, Input&) = {openKeys,  generateKeys,  enumerate, hash,
+                                                 agreement, importCapi,    importCng, property,
+                                                 keyParam,  providerParam, reopen,    usePadding};
     for (int step = 0; step < 8 && !in.ended(); ++step) {
         in.one(STEPS)(world, in);
     }

@@ -42,6 +42,11 @@ constexpr Operation OPERATIONS[] = {
     {"getCertificateList"},
     {"getAesKeyList"},
     {"findCertificateForKey"},
+    {"getTokenInfo"},
+    {"getConnectedDeviceList"},
+    {"init"},
+    {"updateKeyPairDetails"},
+    {"getFilesWithExtensionsAndConvertDER"},
 };
 constexpr int RESULTS[] = {0, 0, 0, 0, 1, TOKEN_SSO_EXPIRED, TOKEN_WEAK_HASH};
 constexpr unsigned char IDS[] = {0xAA, 0xBB, 0x00};
@@ -104,10 +109,40 @@ std::vector<Record> records(Input& in, Record (*one)(Input&), std::size_t most) 
 void fillToken(Input& in) {
     token().keyPairs["T1"] = records(in, keyRecord, 3);
     token().aesKeys["T1"] = records(in, aesRecord, 2);
-    // More than one candidate could name each other as issuer, and then the walk has no end, by contract.
+    // More than one that is changed could name each other as issuer, and then the walk has no end, by contract.
     token().certificates["T1"] = records(in, certificateRecord, 1);
     if (in.flag()) {
         token().keyCertificate = certificateRecord(in);
+    }
+}
+
+ZentokCertificate wholeCertificate(Input& in) {
+    const Bytes der = hexToBytes(in.one(CERTIFICATES));
+    ZentokCertificate record = {};
+    record.certificateLength = static_cast<std::int32_t>(der.size());
+    std::copy(der.begin(), der.end(), record.certificate);
+    return record;
+}
+
+/// What the library says of tokens and certificate files, and a longer list of certificates.
+void fillLibrary(Input& in) {
+    const std::vector<ZentokCertificate> certificates = records(in, wholeCertificate, 2);
+    token().certificates["T1"].insert(token().certificates["T1"].end(), certificates.begin(), certificates.end());
+    Lines serials(in.number() % 4);
+    for (std::string& serial : serials) {
+        serial = in.flag() ? in.text() : "T1";
+        TokenInfo& info = token().infos[serial] = tokenInfo(in.text());
+        info.ssoEnabled = in.number() % 3;
+        info.ssoValidated = in.number() % 3;
+        info.firmwareVersion = in.text();
+        info.text1 = in.text();
+    }
+    token().setDevices(serials.empty() ? Lines{"T1"} : serials);
+    token().certificateDetails.issuer = in.flag() ? "CN=a" : in.text();
+    token().certificateDetails.subject = "CN=a";  // of all: two that name each other are followed without end, too
+    token().certificateDetails.publicKey = in.flag() ? filled(256, 1) : in.bytes(2000);
+    for (unsigned count = in.number() % 3; count > 0; --count) {
+        token().certificateFiles.push_back({in.text(), in.flag() ? certificate(in) : in.bytes(5000)});
     }
 }
 
@@ -117,11 +152,13 @@ Answer lie(Input& in, const Operation& operation) {
     // A block that is smaller than the library says is beyond anybody's check.
     answer.length = operation.allocates ? std::min(told, static_cast<std::int32_t>(answer.output.size())) : told;
     answer.noBlock = operation.allocates && in.flag();
+    answer.retries = told;
     switch (in.number() % 6) {
         case 0:
             answer.during = [later = in.bytes(200)] {
                 Input changed(later);
                 fillToken(changed);
+                fillLibrary(changed);
             };
             break;
         case 1:
@@ -157,10 +194,17 @@ void scriptLibrary(Input& in, bool lies) {
         fillToken(in);
         token().generatedKey = keyRecord(in);
         token().importedAesKey = aesRecord(in);
-        for (unsigned count = in.number() % 5; count > 0; --count) {
+        const unsigned char choice = in.number();
+        for (unsigned count = choice % 5; count > 0; --count) {
             const Operation& operation = in.one(OPERATIONS);
             token().on(operation.name, {lie(in, operation), {.output = filled(operation.usual, 1)}});
         }
+        if (choice / 5 == 40) {  // rare: most inputs are about something else
+            fillLibrary(in);
+        }
+    } else {
+        Input root({});
+        token().keyCertificate = wholeCertificate(root);
     }
 }
 

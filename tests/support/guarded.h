@@ -16,6 +16,7 @@ namespace test {
 /// Memory that ends where no access is allowed.
 class Guarded {
 public:
+    static constexpr BYTE FRESH = 0xA5;  ///< what a buffer without content is filled with
     explicit Guarded(std::size_t size) : used(size) {
         if (pool().empty()) {
             pool().push_back(
@@ -25,7 +26,7 @@ public:
         }
         block = pool().back();
         pool().pop_back();
-        std::memset(data(), 0xA5, used);
+        std::memset(data(), FRESH, used);
     }
     explicit Guarded(std::span<const unsigned char> content) : Guarded(content.size()) {
         std::copy(content.begin(), content.end(), data());
