@@ -13,8 +13,8 @@ elseif(ZENTOK_WINEGCC)
     # so that they leave the C library's alone.
     target_compile_definitions(zentok_options INTERFACE USE_WS_PREFIX)
     target_compile_options(zentok_options INTERFACE
-        $<$<COMPILE_LANGUAGE:CXX>:-include ${CMAKE_SOURCE_DIR}/tests/support/winegcc.h>)
-    add_library(zentok_winegcc OBJECT tests/support/winegcc.cpp)
+        $<$<COMPILE_LANGUAGE:CXX>:-include ${CMAKE_SOURCE_DIR}/cmake/winegcc.h>)
+    add_library(zentok_winegcc OBJECT cmake/winegcc.cpp)
     target_link_libraries(zentok_winegcc PRIVATE zentok_options)
     # CMake finds neither these folders nor these names by itself.
     list(APPEND CMAKE_CXX_IMPLICIT_INCLUDE_DIRECTORIES /usr/include)

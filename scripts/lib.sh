@@ -39,7 +39,7 @@ source_files() {
     for pattern; do
         find+=(-o -name "$pattern")
     done
-    (cd "$root" && find core capi cng cert registration softtoken tools tests bench -type f \( "${find[@]:1}" \) | sort)
+    (cd "$root" && find core capi cng cert registration softtoken tools tests bench cmake -type f \( "${find[@]:1}" \) | sort)
 }
 
 # The names that the provider exports, one a line.

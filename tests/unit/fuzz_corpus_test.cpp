@@ -11,14 +11,17 @@
 namespace test {
 namespace {
 
+/// No window opens: the fuzzer has no dialogs, and nobody is here to end one.
+LRESULT CALLBACK refuseWindow(int code, WPARAM, LPARAM) {
+    return code == HCBT_CREATEWND ? 1 : 0;
+}
+
 class FuzzCorpusTest : public ProviderTest, public ::testing::WithParamInterface<Harness> {};
 
 TEST_P(FuzzCorpusTest, HoldsTheRules) {
     const std::filesystem::path folder = std::filesystem::path(ZENTOK_FUZZ_CORPUS) / GetParam().name;
     ASSERT_FALSE(std::filesystem::is_empty(folder)) << folder;
-    // No window opens: the fuzzer has no dialogs, and nobody is here to end one.
-    const auto refuse = [](int code, WPARAM, LPARAM) -> LRESULT { return code == HCBT_CREATEWND ? 1 : 0; };
-    const HHOOK noDialogs = SetWindowsHookExA(WH_CBT, refuse, nullptr, GetCurrentThreadId());
+    const HHOOK noDialogs = SetWindowsHookExA(WH_CBT, refuseWindow, nullptr, GetCurrentThreadId());
     for (const auto& entry : std::filesystem::directory_iterator(folder)) {
         std::printf("%s\n", entry.path().filename().string().c_str());  // the last one is that of a crash
         std::fflush(stdout);
