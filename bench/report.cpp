@@ -40,10 +40,7 @@ struct KnownMiss {
     std::string_view reason;
 };
 constexpr KnownMiss KNOWN_MISSES[] = {
-    {"CPHashData, SHA-256, 1 MiB", "1 level check"},
-    {"CPEncrypt, AES-256-CBC, 1 MiB", "3 level checks, copy of the result"},
     {"CPDecrypt, AES-256-CBC, 1 MiB", "8 level checks, copy of the result"},
-    {"KSPEncrypt, AES-256-CBC, 1 MiB", "3 level checks, copy of the result"},
     {"KSPDecrypt, AES-256-CBC, 1 MiB", "6 level checks, scratch block, copy of the result"},
 };
 
