@@ -15,9 +15,10 @@ wine_environment=()  # NAME=VALUE for Wine's own process
 
 build_packages=(cmake ninja-build g++-mingw-w64-x86-64-posix libgcrypt-mingw-w64-dev googletest)
 # shellcheck disable=SC2034
-sanitizer_packages=(g++ libwine-dev wine64-tools libgcrypt20-dev)
+# The package wine gives the tools of wine64-tools their plain names.
+sanitizer_packages=(g++ wine libwine-dev wine64-tools libgcrypt20-dev)
 # shellcheck disable=SC2034
-fuzz_packages=(clang libclang-rt-14-dev llvm libwine-dev wine64-tools)
+fuzz_packages=(clang libclang-rt-14-dev llvm wine libwine-dev wine64-tools)
 run_packages=(wine64 xvfb openssl perl)
 # shellcheck disable=SC2034
 lint_packages=(clang-format clang-tidy shellcheck)
