@@ -40,23 +40,24 @@ struct SettingsReader {
     SettingsReader& operator=(const SettingsReader&) = delete;
 };
 
-/// Puts the key that has the settings' name now in the place of `stale`, which is null, deleted, or was closed by
-/// somebody else in this process. Null: there is no such key, or this thread must not read it.
-HKEY reopenSettings(HKEY stale, bool isDeleted) {
+/// Opens the key that has the settings' name now. Null: there is none, or this thread must not read it.
+HKEY openSettings() {
     HKEY opened = nullptr;
-    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, "Software\\Halvane\\Zentok", 0, KEY_QUERY_VALUE, &opened) != ERROR_SUCCESS) {
-        return nullptr;
-    }
+    const LSTATUS status = RegOpenKeyExA(HKEY_LOCAL_MACHINE, "Software\\Halvane\\Zentok", 0, KEY_QUERY_VALUE, &opened);
+    return status == ERROR_SUCCESS ? opened : nullptr;
+}
+
+/// Keeps `opened` in the place of `stale`, or closes it when another thread was faster.
+void keepSettings(HKEY stale, HKEY opened, bool isDeleted) {
     if (!g_settingsKey.compare_exchange_strong(stale, opened)) {
         RegCloseKey(opened);
-        return stale;  // what another thread has just put there
+        return;
     }
     // A deleted key that another thread may still be asking stays open: one handle for each time that the settings are
     // deleted in the middle of other threads' lines.
     if (isDeleted && g_settingsReaders == 1) {
         RegCloseKey(stale);
     }
-    return opened;
 }
 
 using LevelValue = std::array<unsigned char, 32>;
@@ -67,9 +68,10 @@ LSTATUS readLevelValue(HKEY key, LevelValue& value) {
     return RegGetValueA(key, nullptr, "logLevel", RRF_RT_ANY, nullptr, value.data(), &size);
 }
 
-/// Whether the key answered, be it that there is no such value or none of this size.
-bool isAnswer(LSTATUS status) {
-    return status == ERROR_SUCCESS || status == ERROR_FILE_NOT_FOUND || status == ERROR_MORE_DATA;
+/// Whether the handle is no longer one of the settings: any other failure is the key's answer, which opening it again
+/// would not change.
+bool isLost(LSTATUS status) {
+    return status == ERROR_INVALID_HANDLE || status == ERROR_KEY_DELETED || status == ERROR_ACCESS_DENIED;
 }
 
 }  // namespace
@@ -80,9 +82,16 @@ std::int32_t readLogLevel() {
     LevelValue value = {};
     HKEY key = g_settingsKey;
     LSTATUS status = key != nullptr ? readLevelValue(key, value) : ERROR_INVALID_HANDLE;
-    if (!isAnswer(status)) {
-        key = reopenSettings(key, status == ERROR_KEY_DELETED);
-        status = key != nullptr ? readLevelValue(key, value) : ERROR_FILE_NOT_FOUND;
+    if (isLost(status)) {
+        const bool isDeleted = status == ERROR_KEY_DELETED;
+        if (HKEY opened = openSettings(); opened != nullptr) {
+            status = readLevelValue(opened, value);
+            if (isLost(status)) {
+                RegCloseKey(opened);  // deleted again by now, or kept from being read: the next line tries anew
+            } else {
+                keepSettings(key, opened, isDeleted);
+            }
+        }
     }
     if (status != ERROR_SUCCESS) {
         return LOG_LEVEL_ERROR;

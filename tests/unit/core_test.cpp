@@ -8,6 +8,7 @@
 #include "core/firmware_policy.h"
 #include "core/log.h"
 #include "core/wide_text.h"
+#include "tests/platform/figures.h"
 #include "tests/unit/provider_test.h"
 
 namespace test {
@@ -80,6 +81,14 @@ TEST_F(CoreTest, LogLevels) {
         const Lines log = logOf([] { (logInfo("information"), logError("failure")); });
         EXPECT_EQ(log, lines(level == 3 ? "information|!failure" : level == 2 ? "!failure" : "")) << hex(value);
     }
+    // What the platform refuses to read stays refused, at no cost but the question.
+    RegSetKeyValueA(HKEY_LOCAL_MACHINE, "Software\\Halvane\\Zentok", "logLevel", REG_DWORD_BIG_ENDIAN, "\2\0\0", 4);
+    const auto nextHandle = [] { return numberOf(CreateEventA(nullptr, TRUE, TRUE, nullptr), CloseHandle); };
+    const auto before = nextHandle();
+    for (int line = 0; line < 50; ++line) {
+        EXPECT_EQ(readLogLevel(), 2);
+    }
+    EXPECT_EQ(nextHandle(), before);
     // The next line knows of every change, also that the key is gone and another one of its name there.
     const auto deleted = [] { RegDeleteTreeA(HKEY_LOCAL_MACHINE, "Software\\Halvane"); };
     const auto levelSet = [](DWORD level) { return [level] { setLogLevel(level); }; };
